@@ -1,0 +1,162 @@
+#include "engine/ProcessManager.h"
+
+#include "bridge/Logging.h"
+#include "classic/ShmComm.h"
+#include "engine/Uia.h"
+
+#include <process.h>
+
+#include <cstdio>
+#include <regex>
+
+namespace tolva {
+
+namespace {
+
+Logger& logger = Log::getLogger("tolva.ProcessManager");
+
+const unsigned SHUTDOWN_STACK_SIZE = 16384;
+const DWORD SHUTDOWN_START_WAIT_MS = 100;
+const DWORD NOT_FOUND_WAIT_MS = 250;
+const DWORD TARGET_ACCESS = SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_TERMINATE;  // 0x100401
+
+const std::wstring::size_type PID_OPTION_LENGTH = 5;  // "-pid "
+
+}  // namespace
+
+ProcessManager& ProcessManager::getInstance() {
+    static ProcessManager instance;
+    return instance;
+}
+
+int ProcessManager::attachUiaProcess(const std::wstring& args, int timeoutMs) {
+    TOLVA_LOG(logger, 9, "args: " << args << " timeout: " << timeoutMs);
+    if (args.empty() || args == L"null") {
+        TOLVA_LOG(logger, 3, "Invalid connection parameters");
+        return 0;
+    }
+    static const std::wregex pidPattern(L"-pid\\s+(\\d+).*", std::regex::ECMAScript);
+    static const std::wregex classPattern(L"-class\\s+'?(.*?)'?", std::regex::ECMAScript);
+
+    std::wstring title = args;
+    std::wstring className;
+    int pid = 0;
+    std::wsmatch match;
+    if (std::regex_match(args, match, classPattern)) {
+        className = match[1].str();
+    }
+    if (std::regex_match(args, match, pidPattern)) {
+        pid = _wtoi(match[1].str().c_str());
+    }
+    const std::wstring::size_type index = args.find(L' ', PID_OPTION_LENGTH);
+    if (pid != 0) {
+        if (index != std::wstring::npos) {
+            TOLVA_LOG(logger, 9, "pid: " << pid << ", index: " << index << ", title: " << title);
+            title = args.substr(index + 1);
+            className.clear();
+            if (std::regex_match(title, match, classPattern)) {
+                className = match[1].str();
+            }
+        } else {
+            title.clear();
+        }
+    }
+
+    try {
+        Uia& uia = Uia::getInstance();
+        if (className.empty()) {
+            std::wregex syntaxCheck(title, std::regex::ECMAScript);
+            pid = uia.setup(title, std::wstring(), pid, timeoutMs);
+        } else {
+            std::wregex syntaxCheck(className, std::regex::ECMAScript);
+            pid = uia.setup(std::wstring(), className, pid, timeoutMs);
+        }
+    } catch (const std::regex_error& error) {
+        TOLVA_LOG(logger, 1, error.what());
+    }
+
+    if (pid != 0) {
+        automationBackEnd_ = true;
+        createShutdownThread(pid);
+    } else {
+        TOLVA_LOG(logger, 3, "Process could not be determined");
+        Sleep(NOT_FOUND_WAIT_MS);
+    }
+    TOLVA_LOG(logger, 9, "pid: " << pid);
+    return pid;
+}
+
+bool ProcessManager::createShutdownThread(int pid) {
+    TOLVA_LOG(logger, 7, "pid: " << pid);
+    attached_ = true;
+    processHandle_ = OpenProcess(TARGET_ACCESS, FALSE, static_cast<DWORD>(pid));
+    if (!processHandle_) {
+        TOLVA_LOG(logger, 1, "Error: " << GetLastError());
+        return false;
+    }
+    pid_ = pid;
+    auto thread = reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, SHUTDOWN_STACK_SIZE, &ProcessManager::shutdownThreadProc, this, 0, nullptr));
+    if (thread) {
+        CloseHandle(thread);
+    }
+    Sleep(SHUTDOWN_START_WAIT_MS);
+    return true;
+}
+
+unsigned __stdcall ProcessManager::shutdownThreadProc(void* param) {
+    auto* manager = static_cast<ProcessManager*>(param);
+    HANDLE process = manager->processHandle_;
+    WaitForSingleObject(process, INFINITE);
+    CloseHandle(process);
+
+    manager->attached_ = false;
+    TOLVA_LOG(logger, 5, "pid: " << manager->pid_ << " terminated");
+    std::fputs("terminated\n", stdout);
+    std::fflush(stdout);
+
+    Uia::getInstance().processTerminated();
+    if (manager->automationBackEnd_) {
+        Uia::getInstance().detach();
+    } else {
+        ShmComm::getInstance().shutdown();
+    }
+    return 0;
+}
+
+void ProcessManager::detachProcess() {
+    TOLVA_LOG(logger, 7, "");
+    if (!attached_) {
+        TOLVA_LOG(logger, 3, "No client attached");
+        return;
+    }
+    if (automationBackEnd_) {
+        Uia::getInstance().detach();
+    } else {
+        ShmComm::getInstance().detach();
+    }
+    attached_ = false;
+}
+
+bool ProcessManager::isConnected() {
+    return automationBackEnd_ ? attached_ : ShmComm::getInstance().isConnected();
+}
+
+// The classic back end's start and attach operations: the client library and
+// its shared-memory channel are not part of this build yet.
+int ProcessManager::startProcess(const std::wstring& command) {
+    TOLVA_LOG(logger, 3, "Not yet implemented: " << command);
+    return 0;
+}
+
+int ProcessManager::attachProcess(int threadId, int flags) {
+    TOLVA_LOG(logger, 3, "Not yet implemented: tid " << threadId << ", flags " << flags);
+    return 0;
+}
+
+int ProcessManager::attachProcess(const std::wstring& title) {
+    TOLVA_LOG(logger, 3, "Not yet implemented: " << title);
+    return 0;
+}
+
+}  // namespace tolva

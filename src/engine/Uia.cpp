@@ -1,0 +1,311 @@
+#include "engine/Uia.h"
+
+#include "bridge/Logging.h"
+#include "bridge/Preferences.h"
+#include "element/UiaControl.h"
+#include "engine/EngineRunnables.h"
+#include "engine/UiaEventQueue.h"
+#include "events/EventFilter.h"
+#include "events/WinClientEvent.h"
+#include "recording/UiaAutoEventHandler.h"
+
+#include <process.h>
+
+#include <cstdlib>
+#include <iostream>
+
+namespace tolva {
+
+IUIAutomation* automationObject = nullptr;
+std::vector<HWND> existingWindows;
+DWORD overlayThreadId = 0;
+
+namespace {
+
+Logger& logger = Log::getLogger("tolva.Uia");
+
+const unsigned DISPATCH_STACK_SIZE = 0x100000;
+const DWORD START_WAIT_MS = 1000;
+const DWORD ATTEMPT_SPACING_MS = 1000;
+
+BOOL CALLBACK CollectWindow(HWND hwnd, LPARAM windows) {
+    reinterpret_cast<std::vector<HWND>*>(windows)->push_back(hwnd);
+    return TRUE;
+}
+
+// An environment variable by its wide name; false if it isn't set at all.
+bool readEnvironment(const wchar_t* name, std::wstring& value) {
+    const wchar_t* raw = _wgetenv(name);
+    if (!raw) {
+        return false;
+    }
+    value = raw;
+    return true;
+}
+
+}  // namespace
+
+Uia& Uia::getInstance() {
+    static Uia instance;
+    return instance;
+}
+
+Uia::Uia() {
+    TOLVA_LOG(logger, 7, "");
+}
+
+Uia::~Uia() {
+    TOLVA_LOG(logger, 7, "");
+}
+
+// ---------------------------------------------------------------------------
+// The dispatch thread
+
+unsigned __stdcall Uia::uiaThreadProc(void* param) {
+    Uia* uia = static_cast<Uia*>(param);
+    tolva_logSetThreadName("Dispatch");
+    TOLVA_LOG(logger, 5, "Start");
+    UiaEventQueue::create(GetCurrentThreadId());
+
+    HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    if (FAILED(hr)) {
+        TOLVA_LOG(logger, 1, "Initialization failed: " << std::hex << hr);
+        return 1;
+    }
+    hr = uia->createAutomationObject();
+    if (FAILED(hr)) {
+        TOLVA_LOG(logger, 1, "Automation error: " << std::hex << hr);
+        CoUninitialize();
+        return 2;
+    }
+    EventFilter::getInstance().attachThread();
+
+    while (uia->readAndDispatch()) {
+    }
+
+    uia->removeEventHandler();
+    EventFilter::getInstance().detachThread();
+    UiaEventQueue::destroy();
+    UiaControl::removeControls();
+    automationObject->Release();  // the pointer stays as it is
+    CoUninitialize();
+    TOLVA_LOG(logger, 5, "Done");
+    return 0;
+}
+
+bool Uia::readAndDispatch() {
+    bool goOn = true;
+    UiaEvent* event = UiaEventQueue::getInstance()->next();
+    switch (event->id) {
+    case UIA_EVENT_RUN_LATER:
+    case UIA_EVENT_RUN_NOW: {
+        auto* run = static_cast<UiaRunEvent*>(event);
+        if (!run->quiet) {
+            TOLVA_LOG(logger, 9, (event->id == UIA_EVENT_RUN_LATER ? "run " : "run now ")
+                                     << std::hex << static_cast<void*>(run->runner));
+        }
+        run->result = (*run->runner)();
+        if (event->id == UIA_EVENT_RUN_NOW) {
+            // From here on the event belongs to the thread that waits for it.
+            SetEvent(run->doneEvent);
+        }
+        break;
+    }
+    case UIA_EVENT_IDLE:
+        break;
+    case UIA_EVENT_QUIT:
+        TOLVA_LOG(logger, 9, "quit");
+        goOn = false;
+        break;
+    case UIA_EVENT_TRIGGER: {
+        WinClientEvent trigger(EVENT_CALLBACK, 0, 0);
+        EventFilter::getInstance().callJava(&trigger);
+        break;
+    }
+    default:
+        TOLVA_LOG(logger, 3, "Unhandled messsage " << event->id);
+        break;
+    }
+    if (event->id != UIA_EVENT_RUN_NOW) {
+        delete event;
+    }
+    return goOn;
+}
+
+HRESULT Uia::createAutomationObject() {
+    TOLVA_LOG(logger, 7, "");
+    HRESULT hr = S_OK;
+    if (automationObject) {
+        automationObject->Release();
+    }
+    std::wstring uia8;
+    std::wstring viaHwndValue;
+    const bool uia8Set = readEnvironment(L"CUEBENCH_WIN_UIA8", uia8);
+    if (readEnvironment(L"CUEBENCH_WIN_VIA_HWND", viaHwndValue)) {
+        viaHwnd = viaHwndValue == L"true";
+    }
+    TOLVA_LOG(logger, 5, "via hwnd: " << viaHwnd);
+
+    if (uia8Set) {
+        hr = CoCreateInstance(CLSID_CUIAutomation8, nullptr, CLSCTX_INPROC_SERVER, IID_IUIAutomation,
+                              reinterpret_cast<void**>(&automationObject));
+        if (FAILED(hr) || !automationObject) {
+            TOLVA_LOG(logger, 1, "Error creating automation object 8: " << std::hex << hr);
+        } else {
+            TOLVA_LOG(logger, 5, "Using Uia8");
+            std::wcout << L"Using Uia8" << std::endl;
+            std::vector<std::wstring> timeouts = splitString(uia8, L',');
+            if (timeouts.size() > 1) {
+                const int connection = parseIntOr(timeouts[0], -1);
+                const int transaction = parseIntOr(timeouts[1], -1);
+                if (connection >= 0 && transaction >= 0) {
+                    setTimeouts(connection, transaction);
+                }
+            }
+        }
+    }
+    if (!automationObject) {
+        hr = CoCreateInstance(CLSID_CUIAutomation, nullptr, CLSCTX_INPROC_SERVER, IID_IUIAutomation,
+                              reinterpret_cast<void**>(&automationObject));
+    }
+    return hr;
+}
+
+bool Uia::setTimeouts(int connectionTimeout, int transactionTimeout) {
+    TOLVA_LOG(logger, 7, "ct: " << connectionTimeout << ", tt: " << transactionTimeout);
+    IUIAutomation2* automation2 = nullptr;
+    HRESULT hr = automationObject->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
+    if (FAILED(hr) || !automation2) {
+        TOLVA_LOG(logger, 3, "Error setting timeouts: " << std::hex << hr);
+        return false;
+    }
+    DWORD previousConnection = 0;
+    DWORD previousTransaction = 0;
+    automation2->get_ConnectionTimeout(&previousConnection);
+    automation2->get_TransactionTimeout(&previousTransaction);
+    TOLVA_LOG(logger, 9, "prev ct: " << previousConnection << ", prev tt:" << previousTransaction);
+    automation2->put_ConnectionTimeout(static_cast<DWORD>(connectionTimeout));
+    automation2->put_TransactionTimeout(static_cast<DWORD>(transactionTimeout));
+    automation2->Release();
+    return true;
+}
+
+bool Uia::isUia8() {
+    IUIAutomation2* automation2 = nullptr;
+    HRESULT hr = automationObject->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
+    if (FAILED(hr) || !automation2) {
+        return false;
+    }
+    automation2->Release();
+    return true;
+}
+
+void Uia::triggerThread() {
+    TOLVA_LOG(logger, 7, "");
+    UiaEventQueue::getInstance()->post(new UiaEvent(UIA_EVENT_TRIGGER));
+}
+
+void Uia::detach() {
+    TOLVA_LOG(logger, 7, "");
+    UiaEventQueue::getInstance()->post(new UiaEvent(UIA_EVENT_QUIT));
+}
+
+// ---------------------------------------------------------------------------
+// Attaching
+
+int Uia::setup(const std::wstring& title, const std::wstring& classRegex, int targetPid, int timeoutMs) {
+    TOLVA_LOG(logger, 7, "title: " << title << ", class: " << classRegex << ", pid: " << targetPid
+                                   << ", to: " << timeoutMs);
+    auto thread = reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, DISPATCH_STACK_SIZE, &Uia::uiaThreadProc, this, 0, nullptr));
+    if (WaitForSingleObject(thread, START_WAIT_MS) == WAIT_OBJECT_0) {
+        DWORD exitCode = 0;
+        GetExitCodeThread(thread, &exitCode);
+        TOLVA_LOG(logger, 1, "Dispatch thread terminated prematurely: " << exitCode);
+        CloseHandle(thread);
+        return 0;
+    }
+
+    int found = 0;
+    const int attempts = timeoutMs / 1000;
+    for (int i = 0; i < attempts; ++i) {
+        UiaEventQueue* queue = UiaEventQueue::getInstance();
+        if (targetPid != 0) {
+            TOLVA_LOG(logger, 9, "find via pid");
+            if (queue->invokeNow(new ProcessByPidFinder(targetPid, viaHwnd)) != 0) {
+                found = targetPid;
+                TOLVA_LOG(logger, 9, "found pid");
+                break;
+            }
+        }
+        if (!title.empty()) {
+            TOLVA_LOG(logger, 9, "find via title");
+            found = queue->invokeNow(new ProcessByTitleFinder(title, &existingWindows, viaHwnd));
+            if (found != 0) {
+                TOLVA_LOG(logger, 9, "found via title");
+                break;
+            }
+        }
+        if (!classRegex.empty()) {
+            TOLVA_LOG(logger, 9, "find via class");
+            found = queue->invokeNow(new ProcessByClassFinder(classRegex));
+            if (found != 0) {
+                TOLVA_LOG(logger, 9, "found via class");
+                Preferences::getInstance().setPreference(PREF_RESTRICT_TOPS_TO_CLASS, L"true");
+                break;
+            }
+        }
+        if (i < attempts - 1) {
+            Sleep(ATTEMPT_SPACING_MS);
+            TOLVA_LOG(logger, 9, "retry");
+        }
+    }
+    TOLVA_LOG(logger, 9, "pid: " << found);
+
+    if (found != 0) {
+        pid = found;
+        className = classRegex;
+        UiaEventQueue* queue = UiaEventQueue::getInstance();
+        queue->invokeLater(new Connector());
+        queue->invokeLater(new EventHandlerRegistrator(this));
+    } else {
+        detach();
+    }
+    CloseHandle(thread);
+    return found;
+}
+
+void Uia::cacheExistingWindows() {
+    TOLVA_LOG(logger, 7, "");
+    std::vector<HWND> windows;
+    EnumWindows(CollectWindow, reinterpret_cast<LPARAM>(&windows));
+    existingWindows.swap(windows);
+    TOLVA_LOG(logger, 9, "size: " << existingWindows.size());
+}
+
+void Uia::registerEventHandler(std::int32_t mode) {
+    TOLVA_LOG(logger, 7, "mode: 0x" << std::hex << mode);
+    UiaAutoEventHandler::UninstallAutoEventHandlers();
+    UiaAutoEventHandler::InstallAutoEventHandlers(pid, mode);
+    if ((mode & 1) && !UiaAutoEventHandler::hooksInstalled()) {
+        UiaAutoEventHandler::InstallHooks(pid);
+    } else if (!(mode & 1) && UiaAutoEventHandler::hooksInstalled()) {
+        UiaAutoEventHandler::UninstallHooks();
+    }
+    TOLVA_LOG(logger, 9, "done");
+}
+
+void Uia::removeEventHandler() {
+    TOLVA_LOG(logger, 7, "");
+    UiaAutoEventHandler::UninstallHooks();
+    UiaAutoEventHandler::UninstallAutoEventHandlers();
+}
+
+void Uia::processTerminated() {
+    TOLVA_LOG(logger, 7, "");
+    if (UiaEventQueue* queue = UiaEventQueue::getInstance()) {
+        queue->invokeLater(new Terminator());
+    }
+}
+
+}  // namespace tolva

@@ -1,0 +1,70 @@
+// The work queue of the dispatch thread. Any thread may post; only the
+// dispatch thread takes entries, pumping its Windows messages while it waits.
+#pragma once
+
+#include "engine/Runnable.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <deque>
+
+namespace tolva {
+
+// Queue entry ids; they reuse the numbers of Windows messages, but an entry is
+// never sent or posted as a message.
+enum UiaEventId : std::int32_t {
+    UIA_EVENT_TRIGGER = 0,      // WM_NULL: send a CallbackEvent up to Java
+    UIA_EVENT_QUIT = 18,        // WM_QUIT: end the dispatch loop
+    UIA_EVENT_IDLE = 289,       // WM_ENTERIDLE: the wait timed out
+    UIA_EVENT_RUN_LATER = 1024, // WM_USER: run a Runnable, nobody waits
+    UIA_EVENT_RUN_NOW = 1025,   // WM_USER + 1: run a Runnable, the caller waits
+};
+
+class UiaEvent {
+public:
+    explicit UiaEvent(std::int32_t id) : id(id) {}
+    virtual ~UiaEvent() = default;
+    UiaEvent(const UiaEvent&) = delete;
+    UiaEvent& operator=(const UiaEvent&) = delete;
+
+    std::int32_t id;
+};
+
+class UiaRunEvent : public UiaEvent {
+public:
+    UiaRunEvent(Runnable* runner, bool runNow, bool quiet);
+    ~UiaRunEvent() override;
+
+    Runnable* runner;    // owned
+    HANDLE doneEvent;    // run-now only: auto-reset, signalled when the work is done
+    bool quiet;          // no trace line in the dispatch loop
+    std::int32_t result = 0;
+};
+
+class UiaEventQueue {
+public:
+    static void create(DWORD threadId);
+    static UiaEventQueue* getInstance();  // logs "No event queue" when there is none
+    static void destroy();
+
+    void post(UiaEvent* event);  // takes ownership
+    UiaEvent* next();            // dispatch thread; ownership to the caller
+
+    void invokeLater(Runnable* runner);
+    void invokeLaterQuiet(Runnable* runner);
+    std::int32_t invokeNow(Runnable* runner);
+
+    DWORD threadId() const { return threadId_; }
+
+private:
+    explicit UiaEventQueue(DWORD threadId);
+    ~UiaEventQueue();
+
+    std::deque<UiaEvent*> entries_;
+    CRITICAL_SECTION lock_;
+    HANDLE wakeEvent_;
+    DWORD threadId_;
+};
+
+}  // namespace tolva

@@ -1,0 +1,70 @@
+// Small owners of COM resources: a counted interface pointer and a BSTR.
+// Out-parameters are received through put(), which releases what was held and
+// presets the pointer to null before the call.
+#pragma once
+
+#include <oleauto.h>
+#include <unknwn.h>
+
+#include <utility>
+
+namespace tolva {
+
+template <class T>
+class ComPtr {
+public:
+    ComPtr() = default;
+    // Takes over a reference that the caller owns.
+    static ComPtr attach(T* raw) {
+        ComPtr p;
+        p.ptr_ = raw;
+        return p;
+    }
+    ComPtr(const ComPtr& other) : ptr_(other.ptr_) {
+        if (ptr_) ptr_->AddRef();
+    }
+    ComPtr(ComPtr&& other) noexcept : ptr_(std::exchange(other.ptr_, nullptr)) {}
+    ComPtr& operator=(ComPtr other) noexcept {
+        std::swap(ptr_, other.ptr_);
+        return *this;
+    }
+    ~ComPtr() { reset(); }
+
+    T* get() const { return ptr_; }
+    T* operator->() const { return ptr_; }
+    explicit operator bool() const { return ptr_ != nullptr; }
+    T** put() {
+        reset();
+        return &ptr_;
+    }
+    // Hands the reference to the caller.
+    T* detach() { return std::exchange(ptr_, nullptr); }
+    void reset() {
+        if (ptr_) std::exchange(ptr_, nullptr)->Release();
+    }
+
+private:
+    T* ptr_ = nullptr;
+};
+
+class Bstr {
+public:
+    Bstr() = default;
+    Bstr(const Bstr&) = delete;
+    Bstr& operator=(const Bstr&) = delete;
+    ~Bstr() { SysFreeString(str_); }
+
+    BSTR* put() {
+        SysFreeString(str_);
+        str_ = nullptr;
+        return &str_;
+    }
+    BSTR get() const { return str_; }
+    // The text; empty for a null BSTR.
+    std::wstring text() const { return str_ ? std::wstring(str_, SysStringLen(str_)) : std::wstring(); }
+
+private:
+    BSTR str_ = nullptr;
+};
+
+}  // namespace tolva

@@ -1,0 +1,157 @@
+// Finding top-level windows of the target: through the automation tree, and
+// through the window system.
+#include "uiahelper/UiaHelper.h"
+
+#include "bridge/Logging.h"
+#include "uiahelper/ComPtr.h"
+
+#include <regex>
+
+using tolva::automationObject;
+using tolva::ComPtr;
+
+namespace UiaHelper {
+
+namespace {
+
+tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
+
+BOOL CALLBACK CollectVisibleWindow(HWND hwnd, LPARAM windows) {
+    if (IsWindowVisible(hwnd)) {
+        reinterpret_cast<std::vector<HWND>*>(windows)->push_back(hwnd);
+    }
+    return TRUE;  // never stop early
+}
+
+int ProcessIdOf(IUIAutomationElement* element) {
+    int pid = 0;
+    GetControlProcessId(element, &pid);
+    return pid;
+}
+
+// A frame window of another process hosts the target's windows (store apps):
+// its children of the wanted process count as top-level windows.
+void AppendHostedWindows(IUIAutomationElement* frame, IUIAutomationCondition* condition, int pid,
+                         ElementList& result) {
+    ComPtr<IUIAutomationElementArray> children;
+    if (FAILED(frame->FindAll(TreeScope_Children, condition, children.put())) || !children) {
+        return;
+    }
+    int length = 0;
+    children->get_Length(&length);
+    for (int i = 0; i < length; ++i) {
+        IUIAutomationElement* child = nullptr;
+        if (FAILED(children->GetElement(i, &child)) || !child) {
+            continue;
+        }
+        if (ProcessIdOf(child) == pid) {
+            result.push_back(child);
+        } else {
+            child->Release();
+        }
+    }
+}
+
+}  // namespace
+
+ElementList GetToplevelsForPid(int pid) {
+    ElementList result;
+    ComPtr<IUIAutomationCondition> condition;
+    HRESULT hr = automationObject->CreateTrueCondition(condition.put());
+    if (FAILED(hr)) {
+        TOLVA_LOG(logger, 1, "Failed to create a condition " << std::hex << hr);
+        return result;
+    }
+    ComPtr<IUIAutomationElement> desktop;
+    hr = automationObject->GetRootElement(desktop.put());
+    if (FAILED(hr)) {
+        TOLVA_LOG(logger, 1, "Failed to get root " << std::hex << hr);
+        return result;
+    }
+    ComPtr<IUIAutomationElementArray> children;
+    hr = desktop->FindAll(TreeScope_Children, condition.get(), children.put());
+    if (FAILED(hr) || !children) {
+        TOLVA_LOG(logger, 1, "Failed to get children " << std::hex << hr);
+        return result;
+    }
+    int length = 0;
+    children->get_Length(&length);
+    for (int i = 0; i < length; ++i) {
+        ComPtr<IUIAutomationElement> element;
+        if (FAILED(children->GetElement(i, element.put())) || !element) {
+            continue;
+        }
+        const int elementPid = ProcessIdOf(element.get());
+        const std::wstring className = GetControlClassName(element.get());
+        if (elementPid == pid) {
+            if (className == L"SysShadow") {
+                TOLVA_LOG(logger, 9, "SysShadow ignored");
+            } else {
+                result.push_back(element.detach());
+            }
+        } else if (className == L"ApplicationFrameWindow") {
+            AppendHostedWindows(element.get(), condition.get(), pid, result);
+        }
+    }
+    return result;
+}
+
+ElementList GetToplevelsForPidViaHWND(int pid) {
+    std::vector<HWND> windows;
+    EnumWindows(CollectVisibleWindow, reinterpret_cast<LPARAM>(&windows));
+    ElementList result;
+    for (HWND hwnd : windows) {
+        DWORD windowPid = 0;
+        GetWindowThreadProcessId(hwnd, &windowPid);
+        if (static_cast<int>(windowPid) != pid) {
+            continue;
+        }
+        IUIAutomationElement* element = nullptr;
+        automationObject->ElementFromHandle(hwnd, &element);  // a failure leaves a null entry
+        TOLVA_LOG(logger, 9, "Found: " << static_cast<void*>(hwnd) << ", el: " << static_cast<void*>(element));
+        result.push_back(element);
+    }
+    return result;
+}
+
+IUIAutomationElement* GetToplevelByClassName(const std::wstring& classRegex) {
+    ComPtr<IUIAutomationElement> desktop;
+    if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+        return nullptr;
+    }
+    ComPtr<IUIAutomationElementArray> children;
+    {
+        ComPtr<IUIAutomationCondition> condition;
+        automationObject->CreateTrueCondition(condition.put());
+        desktop->FindAll(TreeScope_Children, condition.get(), children.put());
+    }
+    if (!children) {
+        return nullptr;
+    }
+    const std::wregex pattern(classRegex, std::regex::ECMAScript);
+    int length = 0;
+    children->get_Length(&length);
+    for (int i = 0; i < length; ++i) {
+        ComPtr<IUIAutomationElement> element;
+        if (FAILED(children->GetElement(i, element.put())) || !element) {
+            continue;
+        }
+        const std::wstring className = GetControlClassName(element.get());
+        TOLVA_LOG(logger, 9, "cl: " << className);
+        if (std::regex_match(className, pattern)) {
+            return element.detach();
+        }
+    }
+    return nullptr;
+}
+
+void ReleaseElements(ElementList& elements) {
+    for (IUIAutomationElement* element : elements) {
+        if (element) {
+            element->Release();
+        }
+    }
+    elements.clear();
+}
+
+}  // namespace UiaHelper
