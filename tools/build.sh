@@ -9,8 +9,7 @@ which=${1:-all}; shift || true
 case "$which" in all) bits_list="32 64" ;; 32|64) bits_list=$which ;; *) echo "usage: build.sh [32|64|all]" >&2; exit 2 ;; esac
 for bits in $bits_list; do
   if [ "$bits" = 32 ]; then tc=cmake/mingw-i686.cmake; else tc=cmake/mingw-x86_64.cmake; fi
-  if [ ! -f "build/$bits/build.ninja" ]; then
-    cmake -S . -B "build/$bits" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE="$tc" >/dev/null
-  fi
+  cmake -S . -B "build/$bits" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE="$tc" \
+    -DDESKWRIGHT_TESTS=ON >/dev/null
   cmake --build "build/$bits" "$@"
 done

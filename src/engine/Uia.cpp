@@ -11,7 +11,6 @@
 
 #include <process.h>
 
-#include <cstdlib>
 #include <iostream>
 
 namespace tolva {
@@ -33,13 +32,18 @@ BOOL CALLBACK CollectWindow(HWND hwnd, LPARAM windows) {
     return TRUE;
 }
 
-// An environment variable by its wide name; false if it isn't set at all.
+// An environment variable of the process by its wide name; false if it isn't
+// set at all. A variable set to the empty text counts as set.
 bool readEnvironment(const wchar_t* name, std::wstring& value) {
-    const wchar_t* raw = _wgetenv(name);
-    if (!raw) {
-        return false;
+    SetLastError(ERROR_SUCCESS);
+    DWORD length = GetEnvironmentVariableW(name, nullptr, 0);
+    if (length == 0) {
+        value.clear();
+        return GetLastError() != ERROR_ENVVAR_NOT_FOUND;
     }
-    value = raw;
+    std::vector<wchar_t> buffer(length);
+    length = GetEnvironmentVariableW(name, buffer.data(), length);
+    value.assign(buffer.data(), length);
     return true;
 }
 
@@ -96,17 +100,19 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
 bool Uia::readAndDispatch() {
     bool goOn = true;
     UiaEvent* event = UiaEventQueue::getInstance()->next();
-    switch (event->id) {
+    // A run-now event belongs to the waiting thread once it is signalled and
+    // must not be read again: the id is taken first.
+    const std::int32_t id = event->id;
+    switch (id) {
     case UIA_EVENT_RUN_LATER:
     case UIA_EVENT_RUN_NOW: {
         auto* run = static_cast<UiaRunEvent*>(event);
         if (!run->quiet) {
-            TOLVA_LOG(logger, 9, (event->id == UIA_EVENT_RUN_LATER ? "run " : "run now ")
+            TOLVA_LOG(logger, 9, (id == UIA_EVENT_RUN_LATER ? "run " : "run now ")
                                      << std::hex << static_cast<void*>(run->runner));
         }
         run->result = (*run->runner)();
-        if (event->id == UIA_EVENT_RUN_NOW) {
-            // From here on the event belongs to the thread that waits for it.
+        if (id == UIA_EVENT_RUN_NOW) {
             SetEvent(run->doneEvent);
         }
         break;
@@ -123,10 +129,10 @@ bool Uia::readAndDispatch() {
         break;
     }
     default:
-        TOLVA_LOG(logger, 3, "Unhandled messsage " << event->id);
+        TOLVA_LOG(logger, 3, "Unhandled messsage " << id);
         break;
     }
-    if (event->id != UIA_EVENT_RUN_NOW) {
+    if (id != UIA_EVENT_RUN_NOW) {
         delete event;
     }
     return goOn;

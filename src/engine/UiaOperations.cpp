@@ -8,6 +8,9 @@
 
 #include "bridge/Logging.h"
 #include "element/UiaControl.h"
+#include "engine/EngineRunnables.h"
+#include "engine/UiaEventQueue.h"
+#include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/UiaHelper.h"
 
 namespace tolva {
@@ -82,7 +85,12 @@ std::int32_t Uia::highlight(Handle, int, int) {
 }
 
 std::int32_t Uia::enableEventListeners(std::int32_t mode) {
-    notYet("enableEventListeners");
+    TOLVA_LOG(logger, 7, "mode: 0x" << std::hex << mode);
+    if (mode == UiaAutoEventHandler::listenersMode()) {
+        return mode;
+    }
+    UiaEventQueue::getInstance()->invokeNow(new EventHandlerRegistrator(this, mode));
+    UiaAutoEventHandler::setListenersMode(mode);
     return mode;
 }
 

@@ -1,0 +1,113 @@
+// The dispatch queue on its own: what reaches no native directly.
+#include "engine/UiaEventQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace tolva;
+
+namespace {
+
+// Counts its runs and its destruction.
+class CountingRunner : public Runnable {
+public:
+    CountingRunner(std::atomic<int>& runs, std::atomic<int>& deleted, std::int32_t result)
+        : runs_(runs), deleted_(deleted), result_(result) {}
+    ~CountingRunner() override { ++deleted_; }
+    std::int32_t operator()() override {
+        ++runs_;
+        return result_;
+    }
+
+private:
+    std::atomic<int>& runs_;
+    std::atomic<int>& deleted_;
+    std::int32_t result_;
+};
+
+struct QueueOnThisThread {
+    QueueOnThisThread() { UiaEventQueue::create(GetCurrentThreadId()); }
+    ~QueueOnThisThread() { UiaEventQueue::destroy(); }
+    UiaEventQueue& queue() { return *UiaEventQueue::getInstance(); }
+};
+
+}  // namespace
+
+TEST(UiaEventQueue, QuietQueueMakesOneIdleEntryEveryTwoSeconds) {
+    QueueOnThisThread owner;
+    const ULONGLONG start = GetTickCount64();
+    std::vector<ULONGLONG> idle;
+    while (idle.size() < 2) {
+        UiaEvent* event = owner.queue().next();
+        EXPECT_EQ(UIA_EVENT_IDLE, event->id);
+        idle.push_back(GetTickCount64() - start);
+        delete event;
+    }
+    EXPECT_GE(idle[0], 1900u);
+    EXPECT_LT(idle[0], 2600u);
+    EXPECT_GE(idle[1] - idle[0], 1900u);
+    EXPECT_LT(idle[1] - idle[0], 2600u);
+}
+
+TEST(UiaEventQueue, EntriesComeOutFirstInFirstOut) {
+    QueueOnThisThread owner;
+    owner.queue().post(new UiaEvent(UIA_EVENT_TRIGGER));
+    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
+    UiaEvent* first = owner.queue().next();
+    UiaEvent* second = owner.queue().next();
+    EXPECT_EQ(UIA_EVENT_TRIGGER, first->id);
+    EXPECT_EQ(UIA_EVENT_QUIT, second->id);
+    delete first;
+    delete second;
+}
+
+TEST(UiaEventQueue, InvokeNowOnTheDispatchThreadRunsAtOnceAndDeletesTheRunner) {
+    QueueOnThisThread owner;
+    std::atomic<int> runs{0};
+    std::atomic<int> deleted{0};
+    EXPECT_EQ(42, owner.queue().invokeNow(new CountingRunner(runs, deleted, 42)));
+    EXPECT_EQ(1, runs.load());
+    EXPECT_EQ(1, deleted.load());
+    // Nothing went through the queue: the next entry is the idle marker.
+    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
+    UiaEvent* next = owner.queue().next();
+    EXPECT_EQ(UIA_EVENT_QUIT, next->id);
+    delete next;
+}
+
+TEST(UiaEventQueue, InvokeNowFromAnotherThreadWaitsForTheDispatchThread) {
+    QueueOnThisThread owner;
+    std::atomic<int> runs{0};
+    std::atomic<int> deleted{0};
+    std::atomic<std::int32_t> result{0};
+    std::thread caller([&] { result = owner.queue().invokeNow(new CountingRunner(runs, deleted, 7)); });
+    UiaEvent* event = owner.queue().next();
+    ASSERT_EQ(UIA_EVENT_RUN_NOW, event->id);
+    auto* run = static_cast<UiaRunEvent*>(event);
+    EXPECT_EQ(0, result.load()) << "the caller still waits";
+    run->result = (*run->runner)();
+    SetEvent(run->doneEvent);  // the event belongs to the waiting caller
+    caller.join();
+    EXPECT_EQ(7, result.load());
+    EXPECT_EQ(1, deleted.load());
+}
+
+TEST(UiaEventQueue, InvokeLaterHandsTheRunnerToTheQueue) {
+    QueueOnThisThread owner;
+    std::atomic<int> runs{0};
+    std::atomic<int> deleted{0};
+    owner.queue().invokeLater(new CountingRunner(runs, deleted, 1));
+    owner.queue().invokeLaterQuiet(new CountingRunner(runs, deleted, 1));
+    UiaEvent* loud = owner.queue().next();
+    UiaEvent* quiet = owner.queue().next();
+    EXPECT_EQ(UIA_EVENT_RUN_LATER, loud->id);
+    EXPECT_FALSE(static_cast<UiaRunEvent*>(loud)->quiet);
+    EXPECT_TRUE(static_cast<UiaRunEvent*>(quiet)->quiet);
+    EXPECT_EQ(0, deleted.load());
+    delete loud;
+    delete quiet;
+    EXPECT_EQ(2, deleted.load());
+    EXPECT_EQ(0, runs.load());
+}

@@ -1,0 +1,88 @@
+// The bridge to the Java host as Java sees it through the natives: the
+// callback object, the connect event and its probe, and missing Java parts.
+#include "DriverTest.h"
+
+using dwtest::DriverTest;
+using dwtest::LogFile;
+
+namespace {
+
+const char* const DRIVER = "net/tolva/apps/cuebench/client/win/deskwright/DefaultDeskwright";
+const char* const FILTER_SIGNATURE = "(Lnet/tolva/apps/cuebench/client/win/deskwright/event/WinEvent;)Z";
+const char* const CALLBACK_EVENT = "net/tolva/apps/cuebench/client/win/deskwright/event/CallbackEvent";
+
+class HostBridge : public DriverTest {
+protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        fakeuia::NodeSpec window;
+        window.controlType = UIA_WindowControlTypeId;
+        window.name = L"Target";
+        window.processId = static_cast<int>(GetCurrentProcessId());
+        platform->desktop().add(window);
+    }
+    void attachToSelf() {
+        ASSERT_NE(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId()), 1000));
+        ASSERT_TRUE(LogFile::waitFor("mode: 0x", 5000, 7)) << "the registrator ran after the connector";
+    }
+};
+
+}  // namespace
+
+TEST_F(HostBridge, EachAttachReplacesTheOneGlobalReference) {
+    EXPECT_EQ(0, attach(L"", 1000));
+    EXPECT_EQ(0, attach(L"null", 1000));
+    EXPECT_EQ(1u, host->globalRefCount()) << "the first reference was deleted";
+    EXPECT_EQ(2u, LogFile::count("Invalid connection parameters", 3));
+}
+
+TEST_F(HostBridge, WithoutFilterEventNothingGoesUp) {
+    host->removeMethod(DRIVER, "filterEvent", FILTER_SIGNATURE);
+    attachToSelf();
+    auto thrown = host->takeException();  // GetMethodID's NoSuchMethodError on the caller's thread
+    ASSERT_TRUE(thrown.has_value());
+    EXPECT_EQ("java/lang/NoSuchMethodError", thrown->className);
+
+    native<void>("TriggerThread");
+    ASSERT_TRUE(LogFile::waitFor("type: 120, code: 0", 5000, 7));
+    detachAndWait();
+    EXPECT_TRUE(host->constructions(CALLBACK_EVENT).empty());
+    EXPECT_TRUE(host->calls("filterEvent").empty());
+    EXPECT_FALSE(LogFile::contains("Events with timestamp")) << "no probe without a filter method";
+    // Nothing probed the host, so its events count as time-stamped.
+    EXPECT_TRUE(LogFile::contains("mode: 0xffffffff", 7));
+}
+
+TEST_F(HostBridge, AMissingEventClassIsLoadedOnceAndReportedEachTime) {
+    host->removeClass(CALLBACK_EVENT);
+    attachToSelf();
+    native<void>("TriggerThread");
+    native<void>("TriggerThread");
+    ASSERT_TRUE(dwtest::waitUntil([] { return LogFile::count("No class ", 1) >= 2; }, 5000));
+    detachAndWait();
+
+    const std::string dotted = "net.tolva.apps.cuebench.client.win.deskwright.event.CallbackEvent";
+    EXPECT_EQ(1, host->loadClassCount(dotted));
+    EXPECT_EQ(1u, LogFile::count("No entry for " + dotted, 9));
+    EXPECT_EQ(2u, LogFile::count("No class " + dotted, 1));
+    // The driver goes on with the null class, as a caller of a missing class
+    // must expect; the host reports those uses.
+    auto misuse = host->takeViolations();
+    EXPECT_FALSE(misuse.empty());
+    // Both triggers still reached filterEvent, with a null event.
+    EXPECT_EQ(3u, host->calls("filterEvent").size());
+}
+
+TEST_F(HostBridge, AJavaExceptionInFilterEventIsDescribedAndCleared) {
+    host->onCall(DRIVER, "filterEvent", FILTER_SIGNATURE,
+                 [this](JNIEnv*, jobject, const std::vector<jnihost::Value>&) {
+                     host->raise("java/lang/RuntimeException", L"host failed");
+                     return jnihost::Value::of(jboolean{JNI_FALSE});
+                 });
+    attachToSelf();
+    ASSERT_TRUE(LogFile::waitFor("Java exception", 5000, 3));
+    native<void>("TriggerThread");
+    ASSERT_TRUE(host->waitForCalls("filterEvent", 2, 5000));
+    ASSERT_TRUE(dwtest::waitUntil([] { return LogFile::count("Java exception", 3) >= 2; }, 5000));
+    EXPECT_TRUE(LogFile::contains("Events with timestamp: 1", 9)) << "the connect went on after the exception";
+}

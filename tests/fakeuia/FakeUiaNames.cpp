@@ -1,0 +1,312 @@
+// Names of the UI Automation identifiers known to the simulation, taken from
+// the identifiers of the platform headers (uiautomationclient.h).
+#include "FakeUiaInternal.h"
+
+namespace fakeuia {
+namespace detail {
+
+const IdName kPropertyNames[] = {
+    {30000, L"RuntimeId"},
+    {30001, L"BoundingRectangle"},
+    {30002, L"ProcessId"},
+    {30003, L"ControlType"},
+    {30004, L"LocalizedControlType"},
+    {30005, L"Name"},
+    {30006, L"AcceleratorKey"},
+    {30007, L"AccessKey"},
+    {30008, L"HasKeyboardFocus"},
+    {30009, L"IsKeyboardFocusable"},
+    {30010, L"IsEnabled"},
+    {30011, L"AutomationId"},
+    {30012, L"ClassName"},
+    {30013, L"HelpText"},
+    {30014, L"ClickablePoint"},
+    {30015, L"Culture"},
+    {30016, L"IsControlElement"},
+    {30017, L"IsContentElement"},
+    {30018, L"LabeledBy"},
+    {30019, L"IsPassword"},
+    {30020, L"NativeWindowHandle"},
+    {30021, L"ItemType"},
+    {30022, L"IsOffscreen"},
+    {30023, L"Orientation"},
+    {30024, L"FrameworkId"},
+    {30025, L"IsRequiredForForm"},
+    {30026, L"ItemStatus"},
+    {30027, L"IsDockPatternAvailable"},
+    {30028, L"IsExpandCollapsePatternAvailable"},
+    {30029, L"IsGridItemPatternAvailable"},
+    {30030, L"IsGridPatternAvailable"},
+    {30031, L"IsInvokePatternAvailable"},
+    {30032, L"IsMultipleViewPatternAvailable"},
+    {30033, L"IsRangeValuePatternAvailable"},
+    {30034, L"IsScrollPatternAvailable"},
+    {30035, L"IsScrollItemPatternAvailable"},
+    {30036, L"IsSelectionItemPatternAvailable"},
+    {30037, L"IsSelectionPatternAvailable"},
+    {30038, L"IsTablePatternAvailable"},
+    {30039, L"IsTableItemPatternAvailable"},
+    {30040, L"IsTextPatternAvailable"},
+    {30041, L"IsTogglePatternAvailable"},
+    {30042, L"IsTransformPatternAvailable"},
+    {30043, L"IsValuePatternAvailable"},
+    {30044, L"IsWindowPatternAvailable"},
+    {30045, L"ValueValue"},
+    {30046, L"ValueIsReadOnly"},
+    {30047, L"RangeValueValue"},
+    {30048, L"RangeValueIsReadOnly"},
+    {30049, L"RangeValueMinimum"},
+    {30050, L"RangeValueMaximum"},
+    {30051, L"RangeValueLargeChange"},
+    {30052, L"RangeValueSmallChange"},
+    {30053, L"ScrollHorizontalScrollPercent"},
+    {30054, L"ScrollHorizontalViewSize"},
+    {30055, L"ScrollVerticalScrollPercent"},
+    {30056, L"ScrollVerticalViewSize"},
+    {30057, L"ScrollHorizontallyScrollable"},
+    {30058, L"ScrollVerticallyScrollable"},
+    {30059, L"SelectionSelection"},
+    {30060, L"SelectionCanSelectMultiple"},
+    {30061, L"SelectionIsSelectionRequired"},
+    {30062, L"GridRowCount"},
+    {30063, L"GridColumnCount"},
+    {30064, L"GridItemRow"},
+    {30065, L"GridItemColumn"},
+    {30066, L"GridItemRowSpan"},
+    {30067, L"GridItemColumnSpan"},
+    {30068, L"GridItemContainingGrid"},
+    {30069, L"DockDockPosition"},
+    {30070, L"ExpandCollapseExpandCollapseState"},
+    {30071, L"MultipleViewCurrentView"},
+    {30072, L"MultipleViewSupportedViews"},
+    {30073, L"WindowCanMaximize"},
+    {30074, L"WindowCanMinimize"},
+    {30075, L"WindowWindowVisualState"},
+    {30076, L"WindowWindowInteractionState"},
+    {30077, L"WindowIsModal"},
+    {30078, L"WindowIsTopmost"},
+    {30079, L"SelectionItemIsSelected"},
+    {30080, L"SelectionItemSelectionContainer"},
+    {30081, L"TableRowHeaders"},
+    {30082, L"TableColumnHeaders"},
+    {30083, L"TableRowOrColumnMajor"},
+    {30084, L"TableItemRowHeaderItems"},
+    {30085, L"TableItemColumnHeaderItems"},
+    {30086, L"ToggleToggleState"},
+    {30087, L"TransformCanMove"},
+    {30088, L"TransformCanResize"},
+    {30089, L"TransformCanRotate"},
+    {30090, L"IsLegacyIAccessiblePatternAvailable"},
+    {30091, L"LegacyIAccessibleChildId"},
+    {30092, L"LegacyIAccessibleName"},
+    {30093, L"LegacyIAccessibleValue"},
+    {30094, L"LegacyIAccessibleDescription"},
+    {30095, L"LegacyIAccessibleRole"},
+    {30096, L"LegacyIAccessibleState"},
+    {30097, L"LegacyIAccessibleHelp"},
+    {30098, L"LegacyIAccessibleKeyboardShortcut"},
+    {30099, L"LegacyIAccessibleSelection"},
+    {30100, L"LegacyIAccessibleDefaultAction"},
+    {30101, L"AriaRole"},
+    {30102, L"AriaProperties"},
+    {30103, L"IsDataValidForForm"},
+    {30104, L"ControllerFor"},
+    {30105, L"DescribedBy"},
+    {30106, L"FlowsTo"},
+    {30107, L"ProviderDescription"},
+    {30108, L"IsItemContainerPatternAvailable"},
+    {30109, L"IsVirtualizedItemPatternAvailable"},
+    {30110, L"IsSynchronizedInputPatternAvailable"},
+    {30111, L"OptimizeForVisualContent"},
+    {30112, L"IsObjectModelPatternAvailable"},
+    {30113, L"AnnotationAnnotationTypeId"},
+    {30114, L"AnnotationAnnotationTypeName"},
+    {30115, L"AnnotationAuthor"},
+    {30116, L"AnnotationDateTime"},
+    {30117, L"AnnotationTarget"},
+    {30118, L"IsAnnotationPatternAvailable"},
+    {30119, L"IsTextPattern2Available"},
+    {30120, L"StylesStyleId"},
+    {30121, L"StylesStyleName"},
+    {30122, L"StylesFillColor"},
+    {30123, L"StylesFillPatternStyle"},
+    {30124, L"StylesShape"},
+    {30125, L"StylesFillPatternColor"},
+    {30126, L"StylesExtendedProperties"},
+    {30127, L"IsStylesPatternAvailable"},
+    {30128, L"IsSpreadsheetPatternAvailable"},
+    {30129, L"SpreadsheetItemFormula"},
+    {30130, L"SpreadsheetItemAnnotationObjects"},
+    {30131, L"SpreadsheetItemAnnotationTypes"},
+    {30132, L"IsSpreadsheetItemPatternAvailable"},
+    {30133, L"Transform2CanZoom"},
+    {30134, L"IsTransformPattern2Available"},
+    {30135, L"LiveSetting"},
+    {30136, L"IsTextChildPatternAvailable"},
+    {30137, L"IsDragPatternAvailable"},
+    {30138, L"DragIsGrabbed"},
+    {30139, L"DragDropEffect"},
+    {30140, L"DragDropEffects"},
+    {30141, L"IsDropTargetPatternAvailable"},
+    {30142, L"DropTargetDropTargetEffect"},
+    {30143, L"DropTargetDropTargetEffects"},
+    {30144, L"DragGrabbedItems"},
+    {30145, L"Transform2ZoomLevel"},
+    {30146, L"Transform2ZoomMinimum"},
+    {30147, L"Transform2ZoomMaximum"},
+    {30148, L"FlowsFrom"},
+    {30149, L"IsTextEditPatternAvailable"},
+    {30150, L"IsPeripheral"},
+    {30151, L"IsCustomNavigationPatternAvailable"},
+    {30152, L"PositionInSet"},
+    {30153, L"SizeOfSet"},
+    {30154, L"Level"},
+    {30155, L"AnnotationTypes"},
+    {30156, L"AnnotationObjects"},
+    {30157, L"LandmarkType"},
+    {30158, L"LocalizedLandmarkType"},
+    {30159, L"FullDescription"},
+    {30160, L"FillColor"},
+    {30161, L"OutlineColor"},
+    {30162, L"FillType"},
+    {30163, L"VisualEffects"},
+    {30164, L"OutlineThickness"},
+    {30165, L"CenterPoint"},
+    {30166, L"Rotation"},
+    {30167, L"Size"},
+    {30168, L"IsSelectionPattern2Available"},
+    {30169, L"Selection2FirstSelectedItem"},
+    {30170, L"Selection2LastSelectedItem"},
+    {30171, L"Selection2CurrentSelectedItem"},
+    {30172, L"Selection2ItemCount"},
+    {30173, L"HeadingLevel"},
+    {30174, L"IsDialog"},
+};
+const size_t kPropertyNameCount = sizeof(kPropertyNames) / sizeof(kPropertyNames[0]);
+
+const IdName kPatternNames[] = {
+    {10000, L"InvokePattern"},
+    {10001, L"SelectionPattern"},
+    {10002, L"ValuePattern"},
+    {10003, L"RangeValuePattern"},
+    {10004, L"ScrollPattern"},
+    {10005, L"ExpandCollapsePattern"},
+    {10006, L"GridPattern"},
+    {10007, L"GridItemPattern"},
+    {10008, L"MultipleViewPattern"},
+    {10009, L"WindowPattern"},
+    {10010, L"SelectionItemPattern"},
+    {10011, L"DockPattern"},
+    {10012, L"TablePattern"},
+    {10013, L"TableItemPattern"},
+    {10014, L"TextPattern"},
+    {10015, L"TogglePattern"},
+    {10016, L"TransformPattern"},
+    {10017, L"ScrollItemPattern"},
+    {10018, L"LegacyIAccessiblePattern"},
+    {10019, L"ItemContainerPattern"},
+    {10020, L"VirtualizedItemPattern"},
+    {10021, L"SynchronizedInputPattern"},
+    {10022, L"ObjectModelPattern"},
+    {10023, L"AnnotationPattern"},
+    {10024, L"TextPattern2"},
+    {10025, L"StylesPattern"},
+    {10026, L"SpreadsheetPattern"},
+    {10027, L"SpreadsheetItemPattern"},
+    {10028, L"TransformPattern2"},
+    {10029, L"TextChildPattern"},
+    {10030, L"DragPattern"},
+    {10031, L"DropTargetPattern"},
+    {10032, L"TextEditPattern"},
+    {10033, L"CustomNavigationPattern"},
+    {10034, L"SelectionPattern2"},
+};
+const size_t kPatternNameCount = sizeof(kPatternNames) / sizeof(kPatternNames[0]);
+
+// Pattern id -> the id of its Is...Available property.
+const IdPair kPatternAvailability[] = {
+    {10011, 30027},  // DockPattern
+    {10005, 30028},  // ExpandCollapsePattern
+    {10007, 30029},  // GridItemPattern
+    {10006, 30030},  // GridPattern
+    {10000, 30031},  // InvokePattern
+    {10008, 30032},  // MultipleViewPattern
+    {10003, 30033},  // RangeValuePattern
+    {10004, 30034},  // ScrollPattern
+    {10017, 30035},  // ScrollItemPattern
+    {10010, 30036},  // SelectionItemPattern
+    {10001, 30037},  // SelectionPattern
+    {10012, 30038},  // TablePattern
+    {10013, 30039},  // TableItemPattern
+    {10014, 30040},  // TextPattern
+    {10015, 30041},  // TogglePattern
+    {10016, 30042},  // TransformPattern
+    {10002, 30043},  // ValuePattern
+    {10009, 30044},  // WindowPattern
+    {10018, 30090},  // LegacyIAccessiblePattern
+    {10019, 30108},  // ItemContainerPattern
+    {10020, 30109},  // VirtualizedItemPattern
+    {10021, 30110},  // SynchronizedInputPattern
+    {10022, 30112},  // ObjectModelPattern
+    {10023, 30118},  // AnnotationPattern
+    {10024, 30119},  // TextPattern2
+    {10025, 30127},  // StylesPattern
+    {10026, 30128},  // SpreadsheetPattern
+    {10027, 30132},  // SpreadsheetItemPattern
+    {10028, 30134},  // TransformPattern2
+    {10029, 30136},  // TextChildPattern
+    {10030, 30137},  // DragPattern
+    {10031, 30141},  // DropTargetPattern
+    {10032, 30149},  // TextEditPattern
+    {10033, 30151},  // CustomNavigationPattern
+    {10034, 30168},  // SelectionPattern2
+};
+const size_t kPatternAvailabilityCount = sizeof(kPatternAvailability) / sizeof(kPatternAvailability[0]);
+
+const IdName kControlTypeNames[] = {
+    {50000, L"Button"},
+    {50001, L"Calendar"},
+    {50002, L"CheckBox"},
+    {50003, L"ComboBox"},
+    {50004, L"Edit"},
+    {50005, L"Hyperlink"},
+    {50006, L"Image"},
+    {50007, L"ListItem"},
+    {50008, L"List"},
+    {50009, L"Menu"},
+    {50010, L"MenuBar"},
+    {50011, L"MenuItem"},
+    {50012, L"ProgressBar"},
+    {50013, L"RadioButton"},
+    {50014, L"ScrollBar"},
+    {50015, L"Slider"},
+    {50016, L"Spinner"},
+    {50017, L"StatusBar"},
+    {50018, L"Tab"},
+    {50019, L"TabItem"},
+    {50020, L"Text"},
+    {50021, L"ToolBar"},
+    {50022, L"ToolTip"},
+    {50023, L"Tree"},
+    {50024, L"TreeItem"},
+    {50025, L"Custom"},
+    {50026, L"Group"},
+    {50027, L"Thumb"},
+    {50028, L"DataGrid"},
+    {50029, L"DataItem"},
+    {50030, L"Document"},
+    {50031, L"SplitButton"},
+    {50032, L"Window"},
+    {50033, L"Pane"},
+    {50034, L"Header"},
+    {50035, L"HeaderItem"},
+    {50036, L"Table"},
+    {50037, L"TitleBar"},
+    {50038, L"Separator"},
+    {50039, L"SemanticZoom"},
+    {50040, L"AppBar"},
+};
+const size_t kControlTypeNameCount = sizeof(kControlTypeNames) / sizeof(kControlTypeNames[0]);
+
+}  // namespace detail
+}  // namespace fakeuia

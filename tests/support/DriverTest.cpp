@@ -1,0 +1,84 @@
+#include "DriverTest.h"
+
+#include <objbase.h>
+
+namespace dwtest {
+
+bool waitUntil(const std::function<bool()>& condition, unsigned timeoutMs) {
+    const ULONGLONG end = GetTickCount64() + timeoutMs;
+    while (!condition()) {
+        if (GetTickCount64() > end) {
+            return condition();
+        }
+        Sleep(10);
+    }
+    return true;
+}
+
+std::string pendingException(jnihost::JavaHost& host) {
+    auto thrown = host.pendingException();
+    if (!thrown) {
+        return "";
+    }
+    std::string message(thrown->message.begin(), thrown->message.end());
+    return thrown->className + ": " + message;
+}
+
+void DriverTest::SetUp() {
+    LogFile::configure();
+    ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
+    platform = std::make_unique<fakeuia::Platform>();
+    platform->install();
+    host = std::make_unique<jnihost::JavaHost>(hostOptions());
+    env = host->attachCurrentThread();
+    self = host->callbackObject();
+    dll = std::make_unique<Deskwright>();
+    ASSERT_EQ(0x00010004, dll->onLoad(host->vm()));
+    ASSERT_EQ(0, native<jint>("SetupNativeLogging"));
+}
+
+void DriverTest::TearDown() {
+    if (attached) {
+        detachAndWait();
+    }
+    EXPECT_TRUE(waitForReleases(5000)) << "outstanding: " << platform->outstandingBreakdown();
+    EXPECT_EQ(0u, host->outstandingPins());
+    for (const std::string& violation : host->violations()) {
+        ADD_FAILURE() << "JNI misuse: " << violation;
+    }
+    for (const std::string& call : platform->unsupportedCalls()) {
+        ADD_FAILURE() << "unsupported automation call: " << call;
+    }
+    if (HasFailure()) {
+        std::cerr << "---- driver log ----\n" << LogFile::dump() << "--------------------\n";
+    }
+    platform->uninstall();
+}
+
+jint DriverTest::attach(const std::wstring& args, jint timeoutMs) {
+    jint pid = native<jint>("AttachUiaClient", host->str(args), timeoutMs);
+    attached = attached || pid != 0;
+    return pid;
+}
+
+void DriverTest::detachAndWait() {
+    native<void>("DetachClient");
+    attached = false;
+    EXPECT_TRUE(LogFile::waitFor("Done", 5000, 5)) << "the dispatch thread did not end";
+}
+
+bool DriverTest::waitForReleases(unsigned timeoutMs) {
+    return waitUntil([this] { return platform->outstandingReferences() == 0; }, timeoutMs);
+}
+
+fakeuia::Node& DriverTest::addOwnWindow(const std::wstring& name) {
+    fakeuia::NodeSpec spec;
+    spec.controlType = UIA_WindowControlTypeId;
+    spec.name = name;
+    spec.className = L"TestWindow";
+    spec.processId = static_cast<int>(GetCurrentProcessId());
+    spec.bounds = {10, 10, 410, 310};
+    return platform->desktop().add(spec);
+}
+
+}  // namespace dwtest

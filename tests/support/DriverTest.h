@@ -1,0 +1,58 @@
+// The world of a driver test: a Java host, the simulated automation platform,
+// the real deskwright.dll loaded and initialised as a Java VM does it
+// (JNI_OnLoad, then SetupNativeLogging on the "main" Java thread), and the
+// checks at the end of every test: the driver released every automation
+// object it was given, made no misuse of JNI and left no pin behind.
+#pragma once
+
+#include "Deskwright.h"
+#include "LogFile.h"
+
+#include "FakeUia.h"
+#include "JniHost.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace dwtest {
+
+class DriverTest : public ::testing::Test {
+protected:
+    // Host options must be chosen before SetUp; a test fixture may override.
+    virtual jnihost::JavaHost::Options hostOptions() const { return {}; }
+
+    void SetUp() override;
+    void TearDown() override;
+
+    template <class R, class... A>
+    R native(const std::string& method, A... args) {
+        return dll->call<R>(method, env, self, args...);
+    }
+
+    // AttachUiaClient with Java text; returns the pid or 0.
+    jint attach(const std::wstring& args, jint timeoutMs);
+    // DetachClient, then waits until the dispatch thread has let go of the
+    // automation platform.
+    void detachAndWait();
+    // Waits for the driver to release every automation object.
+    bool waitForReleases(unsigned timeoutMs);
+    // A top-level window of this test process on the simulated desktop.
+    fakeuia::Node& addOwnWindow(const std::wstring& name);
+
+    std::unique_ptr<jnihost::JavaHost> host;
+    std::unique_ptr<fakeuia::Platform> platform;
+    std::unique_ptr<Deskwright> dll;
+    JNIEnv* env = nullptr;
+    jobject self = nullptr;
+    bool attached = false;
+};
+
+bool waitUntil(const std::function<bool()>& condition, unsigned timeoutMs);
+
+// The calling thread's pending Java exception as "class: message", or "".
+std::string pendingException(jnihost::JavaHost& host);
+
+}  // namespace dwtest

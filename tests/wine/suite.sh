@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Runs the Windows test executables of one suite (32 or 64 bits) under Wine,
+# on an Xvfb display and in a Wine prefix of that suite's own, both in /tmp.
+#
+#   suite.sh setup BITS          start the display and make a fresh prefix
+#   suite.sh run BITS EXE ARGS   run one test executable
+#   suite.sh cleanup BITS        stop Wine and the display
+set -u
+cmd=$1 bits=$2; shift 2
+display=$(( bits == 32 ? 32 : 64 ))
+export DISPLAY=:$display
+export WINEPREFIX=/tmp/deskwright-wine-$bits
+export WINEDEBUG=${WINEDEBUG:--all}
+export WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe="
+state=/tmp/deskwright-suite-$bits
+
+case "$cmd" in
+setup)
+  mkdir -p "$state"
+  if [ -f "$state/xvfb.pid" ] && kill -0 "$(cat "$state/xvfb.pid")" 2>/dev/null; then :; else
+    rm -f "/tmp/.X$display-lock"
+    Xvfb ":$display" -screen 0 1280x1024x24 -nolisten tcp >"$state/xvfb.log" 2>&1 &
+    echo $! >"$state/xvfb.pid"
+    for _ in $(seq 50); do [ -e "/tmp/.X11-unix/X$display" ] && break; sleep 0.1; done
+  fi
+  rm -rf "$WINEPREFIX"
+  wineboot -i >"$state/wineboot.log" 2>&1 || { cat "$state/wineboot.log"; exit 1; }
+  wineserver -w </dev/null >/dev/null 2>&1
+  # Keep one server alive for the whole suite, so that each test starts fast,
+  # and let a first process start Wine's own services under it now: started
+  # by a test, they would inherit its output and hold it open.
+  wineserver -p </dev/null >/dev/null 2>&1
+  wine cmd /c exit </dev/null >/dev/null 2>&1
+  echo "wine prefix $WINEPREFIX on display $DISPLAY"
+  ;;
+run)
+  exe=$1; shift
+  exec wine "$exe" "$@"
+  ;;
+cleanup)
+  wineserver -k 2>/dev/null
+  [ -f "$state/xvfb.pid" ] && kill "$(cat "$state/xvfb.pid")" 2>/dev/null
+  rm -rf "$state"
+  exit 0
+  ;;
+*)
+  echo "usage: suite.sh setup|run|cleanup BITS ..." >&2; exit 2 ;;
+esac
