@@ -18,12 +18,9 @@ fi
 # Keep the relative place of the caller inside the repository.
 rel=.
 case "$PWD/" in "$REPO"/*) rel=${PWD#"$REPO"}; rel=.${rel} ;; esac
-# A shared/ folder beside the repository is mounted too, when it is there.
-SHARED=$(cd "$REPO/.." && pwd)/shared
-
 exec unshare --mount --propagation private -- bash -c '
   set -e
-  root=$1 repo=$2 shared=$3 rel=$4; shift 4
+  root=$1 repo=$2 rel=$3; shift 3
   mount -t proc proc "$root/proc"
   mount --rbind /dev "$root/dev"
   mount -t tmpfs -o size=8g tmpfs "$root/tmp"
@@ -32,6 +29,7 @@ exec unshare --mount --propagation private -- bash -c '
   exec chroot "$root" env -i \
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
     HOME=/tmp/home LANG=C.UTF-8 TERM="${TERM:-dumb}" \
-    CI="${CI:-}" DESKWRIGHT_IN_TOOLCHAIN=1 \
+    CI="${CI:-}" DESKWRIGHT_IN_TOOLCHAIN=1 DESKWRIGHT_BUILD_DIR="${DESKWRIGHT_BUILD_DIR:-}" \
+    DESKWRIGHT_DISPLAY="${DESKWRIGHT_DISPLAY:-}" \
     bash -c "mkdir -p /tmp/home && cd /src/$rel && exec \"\$@\"" _ "$@"
-' _ "$ROOT" "$REPO" "$SHARED" "$rel" "$@"
+' _ "$ROOT" "$REPO" "$rel" "$@"

@@ -7,7 +7,9 @@
 #   suite.sh cleanup BITS        stop Wine and the display
 set -u
 cmd=$1 bits=$2; shift 2
-display=$(( bits == 32 ? 32 : 64 ))
+# Several suites may run at once (each in its own /tmp): DESKWRIGHT_DISPLAY
+# gives each its own display number.
+display=${DESKWRIGHT_DISPLAY:-$(( bits == 32 ? 32 : 64 ))}
 export DISPLAY=:$display
 export WINEPREFIX=/tmp/deskwright-wine-$bits
 export WINEDEBUG=${WINEDEBUG:--all}

@@ -13,8 +13,9 @@ for bits in $bits_list; do
     echo "build of the $bits-bit driver failed"; exit 1
   fi
   echo "== tests $bits-bit"
-  log=build/$bits/ctest.log
-  (cd "build/$bits" && ctest --output-on-failure -j2 --timeout 300 ${CTEST_ARGS:-}) 2>&1 | tee "$log"
+  dir=${DESKWRIGHT_BUILD_DIR:-build}/$bits
+  log=$dir/ctest.log
+  (cd "$dir" && ctest --output-on-failure -j2 --timeout 300 ${CTEST_ARGS:-}) 2>&1 | tee "$log"
   [ "${PIPESTATUS[0]}" = 0 ] || status=1
   summary=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
   if [ -z "$summary" ]; then
