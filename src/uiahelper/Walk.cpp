@@ -1,0 +1,41 @@
+// Steps through the element tree, always in the raw view.
+#include "uiahelper/UiaHelper.h"
+
+#include "bridge/Logging.h"
+#include "uiahelper/ComPtr.h"
+
+using tolva::automationObject;
+using tolva::ComPtr;
+
+namespace UiaHelper {
+
+namespace {
+tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
+}  // namespace
+
+IUIAutomationElement* GetParent(IUIAutomationElement* element) {
+    ComPtr<IUIAutomationTreeWalker> walker;
+    HRESULT hr = automationObject->get_RawViewWalker(walker.put());
+    if (FAILED(hr) || !walker) {
+        TOLVA_LOG(logger, 1, "hr: " << std::hex << hr);
+        return nullptr;
+    }
+    IUIAutomationElement* parent = nullptr;
+    walker->GetParentElement(element, &parent);
+    return parent;
+}
+
+bool IsDesktopElement(IUIAutomationElement* element) {
+    if (!element) {
+        return false;
+    }
+    ComPtr<IUIAutomationElement> desktop;
+    if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+        return false;
+    }
+    BOOL same = FALSE;
+    HRESULT hr = automationObject->CompareElements(element, desktop.get(), &same);
+    return SUCCEEDED(hr) && same == 1;
+}
+
+}  // namespace UiaHelper
