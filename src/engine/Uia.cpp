@@ -206,14 +206,20 @@ bool Uia::isUia8() {
     return true;
 }
 
+// Both may come after the dispatch thread has ended (a detach by Java, then
+// the target's end), when there is no queue any more to post to.
 void Uia::triggerThread() {
     TOLVA_LOG(logger, 7, "");
-    UiaEventQueue::getInstance()->post(new UiaEvent(UIA_EVENT_TRIGGER));
+    if (UiaEventQueue* queue = UiaEventQueue::getInstance()) {
+        queue->post(new UiaEvent(UIA_EVENT_TRIGGER));
+    }
 }
 
 void Uia::detach() {
     TOLVA_LOG(logger, 7, "");
-    UiaEventQueue::getInstance()->post(new UiaEvent(UIA_EVENT_QUIT));
+    if (UiaEventQueue* queue = UiaEventQueue::getInstance()) {
+        queue->post(new UiaEvent(UIA_EVENT_QUIT));
+    }
 }
 
 // ---------------------------------------------------------------------------
