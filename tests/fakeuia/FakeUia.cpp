@@ -148,6 +148,7 @@ const char* kindName(Kind kind) {
     case kWalker: return "walker";
     case kCondition: return "condition";
     case kPattern: return "pattern";
+    case kTextRange: return "textrange";
     default: return "?";
     }
 }

@@ -37,7 +37,7 @@ const wchar_t* patternName(PATTERNID id);    // null when unknown
 std::wstring localizedControlTypeName(CONTROLTYPEID id);
 
 // --- kinds of counted objects ---------------------------------------------------
-enum Kind { kAutomation, kElement, kArray, kWalker, kCondition, kPattern, kKindCount };
+enum Kind { kAutomation, kElement, kArray, kWalker, kCondition, kPattern, kTextRange, kKindCount };
 const char* kindName(Kind kind);
 
 // --- the tree -------------------------------------------------------------------
@@ -62,6 +62,7 @@ struct Access {
     static void destroy(Node* node);
     static NodeData& data(Node& node) { return *node.d_; }
     static NodeData& data(Node* node) { return *node->d_; }
+    static State& state(Node& node) { return *node.state_; }
 };
 inline NodeData& D(Node* node) { return Access::data(node); }
 
