@@ -1,4 +1,5 @@
-// Small owners of COM resources: a counted interface pointer and a BSTR.
+// Small owners of COM resources: a counted interface pointer, a BSTR and a
+// VARIANT.
 // Out-parameters are received through put(), which releases what was held and
 // presets the pointer to null before the call.
 #pragma once
@@ -65,6 +66,27 @@ public:
 
 private:
     BSTR str_ = nullptr;
+};
+
+// A VARIANT that starts zeroed and set up with VariantInit, and is cleared
+// with VariantClear when it goes or is received into again.
+class Variant {
+public:
+    Variant() { VariantInit(&var_); }
+    Variant(const Variant&) = delete;
+    Variant& operator=(const Variant&) = delete;
+    ~Variant() { VariantClear(&var_); }
+
+    VARIANT* put() {
+        VariantClear(&var_);
+        var_ = VARIANT{};
+        VariantInit(&var_);
+        return &var_;
+    }
+    const VARIANT& get() const { return var_; }
+
+private:
+    VARIANT var_{};
 };
 
 }  // namespace tolva
