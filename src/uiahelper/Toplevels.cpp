@@ -23,6 +23,12 @@ BOOL CALLBACK CollectVisibleWindow(HWND hwnd, LPARAM windows) {
     return TRUE;  // never stop early
 }
 
+std::vector<HWND> VisibleWindows() {
+    std::vector<HWND> windows;
+    EnumWindows(CollectVisibleWindow, reinterpret_cast<LPARAM>(&windows));
+    return windows;
+}
+
 int ProcessIdOf(IUIAutomationElement* element) {
     int pid = 0;
     GetControlProcessId(element, &pid);
@@ -97,10 +103,8 @@ ElementList GetToplevelsForPid(int pid) {
 }
 
 ElementList GetToplevelsForPidViaHWND(int pid) {
-    std::vector<HWND> windows;
-    EnumWindows(CollectVisibleWindow, reinterpret_cast<LPARAM>(&windows));
     ElementList result;
-    for (HWND hwnd : windows) {
+    for (HWND hwnd : VisibleWindows()) {
         DWORD windowPid = 0;
         GetWindowThreadProcessId(hwnd, &windowPid);
         if (static_cast<int>(windowPid) != pid) {
@@ -140,6 +144,18 @@ IUIAutomationElement* GetToplevelByClassName(const std::wstring& classRegex) {
         TOLVA_LOG(logger, 9, "cl: " << className);
         if (std::regex_match(className, pattern)) {
             return element.detach();
+        }
+    }
+    return nullptr;
+}
+
+IUIAutomationElement* GetToplevelByTitleViaHWND(const std::wstring& titleRegex) {
+    const std::wregex pattern(titleRegex, std::regex::ECMAScript);
+    for (HWND hwnd : VisibleWindows()) {
+        if (std::regex_match(GetWindowTextViaMessage(hwnd), pattern)) {
+            IUIAutomationElement* element = nullptr;
+            automationObject->ElementFromHandle(hwnd, &element);
+            return element;
         }
     }
     return nullptr;

@@ -1,0 +1,279 @@
+// Walking the element tree in the raw view, and searching it.
+#include "uiahelper/UiaHelper.h"
+
+#include "bridge/Logging.h"
+#include "bridge/Preferences.h"
+#include "uiahelper/ComPtr.h"
+
+#include <algorithm>
+#include <regex>
+
+using tolva::automationObject;
+using tolva::ComPtr;
+using tolva::Preferences;
+
+namespace UiaHelper {
+
+namespace {
+
+tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
+
+const int SCOPE_CHILDREN = TreeScope_Children;
+
+// Line breaks count as blanks when a name is matched.
+std::wstring NormalisedName(IUIAutomationElement* element) {
+    std::wstring name = GetControlName(element);
+    std::replace(name.begin(), name.end(), L'\n', L' ');
+    std::replace(name.begin(), name.end(), L'\r', L' ');
+    return name;
+}
+
+bool TypeFits(IUIAutomationElement* element, const std::wstring& type) {
+    if (type.empty()) {
+        return true;
+    }
+    std::wstring elementType;
+    GetControlType(element, elementType);
+    return elementType == type;
+}
+
+// The children of a frame window that belong to another process and match.
+void AppendFrameHits(IUIAutomationElement* frame, IUIAutomationCondition* condition, const std::wstring& type,
+                     const std::wregex& pattern, bool firstOnly, ElementList& hits) {
+    int framePid = 0;
+    GetControlProcessId(frame, &framePid);
+    ComPtr<IUIAutomationElementArray> children;
+    if (FAILED(frame->FindAll(TreeScope_Children, condition, children.put())) || !children) {
+        return;
+    }
+    int length = 0;
+    children->get_Length(&length);
+    for (int i = 0; i < length; ++i) {
+        ComPtr<IUIAutomationElement> child;
+        if (FAILED(children->GetElement(i, child.put())) || !child) {
+            continue;
+        }
+        if (!TypeFits(child.get(), type)) {
+            continue;
+        }
+        int childPid = 0;
+        GetControlProcessId(child.get(), &childPid);
+        const std::wstring name = NormalisedName(child.get());
+        if (childPid != framePid && std::regex_match(name, pattern)) {
+            hits.push_back(child.detach());
+            if (firstOnly) {
+                return;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+bool EnumWindowsTraversalCallback::operator()(IUIAutomationElement* element, int depth) {
+    CONTROLTYPEID type = 0;
+    HRESULT hr = element->get_CurrentControlType(&type);
+    if (FAILED(hr)) {
+        TOLVA_LOG(logger, 1, "No type for " << static_cast<void*>(element));
+        return false;
+    }
+    if (type == UIA_WindowControlTypeId) {
+        element->AddRef();
+        list_->push_back(element);
+    } else {
+        const std::wstring className = GetControlClassName(element);
+        for (const std::wstring& listed : Preferences::getInstance().getList(tolva::PREF_TOPLEVEL_CLASSES)) {
+            if (className == listed) {
+                element->AddRef();
+                list_->push_back(element);
+                TOLVA_LOG(logger, 9, "Added class " << className);
+                break;
+            }
+        }
+    }
+    return type == UIA_WindowControlTypeId || (depth == 0 && type == UIA_PaneControlTypeId);
+}
+
+void TraverseTree(IUIAutomationElement* root, TraversalCallback& callback) {
+    if (!root) {
+        return;
+    }
+    ComPtr<IUIAutomationTreeWalker> walker;
+    automationObject->get_RawViewWalker(walker.put());
+    if (!walker) {
+        TOLVA_LOG(logger, 1, "Error: No walker");
+        return;
+    }
+    TraverseSubtree(root, 0, walker.get(), callback);
+}
+
+void TraverseSubtree(IUIAutomationElement* element, int depth, IUIAutomationTreeWalker* walker,
+                     TraversalCallback& callback) {
+    if (!callback(element, depth)) {
+        return;
+    }
+    IUIAutomationElement* child = nullptr;
+    walker->GetFirstChildElement(element, &child);
+    while (child) {
+        TraverseSubtree(child, depth + 1, walker, callback);
+        IUIAutomationElement* next = nullptr;  // a failing step leaves it null and ends the row
+        walker->GetNextSiblingElement(child, &next);
+        child->Release();
+        child = next;
+    }
+}
+
+ElementList FindAllWindows(IUIAutomationElement* element) {
+    ElementList windows;
+    EnumWindowsTraversalCallback callback(&windows);
+    TraverseTree(element, callback);
+    return windows;
+}
+
+ElementList GetChildren(IUIAutomationElement* element) {
+    ElementList children;
+    if (!element) {
+        return children;
+    }
+    const int limit = Preferences::getInstance().getInt(tolva::PREF_MAX_CHILDREN);
+    std::wstring type;
+    GetControlType(element, type);
+    const bool comboBox = type == L"ComboBox";
+    ComPtr<IUIAutomationTreeWalker> walker;
+    HRESULT hr = automationObject->get_RawViewWalker(walker.put());
+    if (FAILED(hr) || !walker) {
+        TOLVA_LOG(logger, 1, "hr: " << std::hex << hr);
+        return children;
+    }
+    IUIAutomationElement* child = nullptr;
+    hr = walker->GetFirstChildElement(element, &child);
+    int count = 1;
+    while (SUCCEEDED(hr) && child) {
+        if (comboBox) {
+            ComPtr<IUIAutomationElement> parent = ComPtr<IUIAutomationElement>::attach(GetParent(child));
+            if (IsDesktopElement(parent.get())) {
+                TOLVA_LOG(logger, 5, "Child " << GetControlClassName(child) << " is toplevel, ignore");
+                child->Release();
+                break;
+            }
+        }
+        children.push_back(child);
+        IUIAutomationElement* next = nullptr;
+        if (limit <= 0 || count < limit) {
+            hr = walker->GetNextSiblingElement(child, &next);
+            ++count;
+        }
+        child = next;
+    }
+    return children;
+}
+
+bool HasAncestorWithPid(IUIAutomationElement* element, int pid) {
+    ComPtr<IUIAutomationElement> current;
+    element->AddRef();
+    current = ComPtr<IUIAutomationElement>::attach(element);
+    for (;;) {
+        ComPtr<IUIAutomationElement> parent = ComPtr<IUIAutomationElement>::attach(GetParent(current.get()));
+        if (!parent) {
+            return false;
+        }
+        int parentPid = 0;
+        if (SUCCEEDED(GetControlProcessId(parent.get(), &parentPid)) && parentPid == pid) {
+            return true;
+        }
+        current = parent;
+    }
+}
+
+IUIAutomationElement* GetElementFromPoint(POINT point) {
+    IUIAutomationElement* element = nullptr;
+    HRESULT hr = automationObject->ElementFromPoint(point, &element);
+    TOLVA_LOG(logger, 9, "hr: " << std::hex << hr << ", el: " << static_cast<void*>(element));
+    return element;
+}
+
+ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstring& type,
+                                     const std::wstring& nameRegex, bool firstOnly, int scope) {
+    ElementList hits;
+    const std::wregex pattern(nameRegex, std::regex::ECMAScript);
+    ComPtr<IUIAutomationElement> desktop;
+    if (!root) {
+        if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+            return hits;
+        }
+        root = desktop.get();
+    }
+    ComPtr<IUIAutomationCondition> condition;
+    automationObject->CreateTrueCondition(condition.put());
+    ComPtr<IUIAutomationElementArray> found;
+    root->FindAll(static_cast<TreeScope>(scope), condition.get(), found.put());
+    int length = 0;
+    if (found) {
+        found->get_Length(&length);
+    }
+    for (int i = 0; i < length; ++i) {
+        ComPtr<IUIAutomationElement> element;
+        if (FAILED(found->GetElement(i, element.put())) || !element) {
+            continue;
+        }
+        const bool hit = TypeFits(element.get(), type) && std::regex_match(NormalisedName(element.get()), pattern);
+        if (hit) {
+            element->AddRef();
+            hits.push_back(element.get());
+            if (firstOnly) {
+                break;
+            }
+        }
+        if (GetControlClassName(element.get()) == L"ApplicationFrameWindow" && scope == SCOPE_CHILDREN) {
+            AppendFrameHits(element.get(), condition.get(), type, pattern, firstOnly, hits);
+        }
+    }
+    TOLVA_LOG(logger, 9, "count: " << hits.size());
+    return hits;
+}
+
+IUIAutomationElement* GetElementByTypeAndName(IUIAutomationElement* root, const std::wstring& type,
+                                              const std::wstring& nameRegex, int scope) {
+    ElementList hits = GetElementsByTypeAndName(root, type, nameRegex, true, scope);
+    if (hits.empty()) {
+        return nullptr;
+    }
+    for (size_t i = 1; i < hits.size(); ++i) {
+        if (hits[i]) {
+            hits[i]->Release();
+        }
+    }
+    return hits[0];
+}
+
+ElementList GetElementsByProperty(IUIAutomationElement* root, PROPERTYID property, const VARIANT& value,
+                                  int scope) {
+    ElementList found;
+    ComPtr<IUIAutomationElement> desktop;
+    if (!root) {
+        if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+            return found;
+        }
+        root = desktop.get();
+    }
+    ComPtr<IUIAutomationElementArray> array;
+    {
+        ComPtr<IUIAutomationCondition> condition;
+        automationObject->CreatePropertyCondition(property, value, condition.put());
+        if (condition) {
+            root->FindAll(static_cast<TreeScope>(scope), condition.get(), array.put());
+        }
+    }
+    if (array) {
+        int length = 0;
+        array->get_Length(&length);
+        for (int i = 0; i < length; ++i) {
+            IUIAutomationElement* element = nullptr;
+            array->GetElement(i, &element);
+            found.push_back(element);
+        }
+    }
+    return found;
+}
+
+}  // namespace UiaHelper
