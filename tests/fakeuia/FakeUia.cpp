@@ -284,6 +284,11 @@ std::vector<int> Node::runtimeId() const {
     return *d_->spec.runtimeId;
 }
 
+void Node::hangUnderDesktop() {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    d_->parentIsDesktop = true;
+}
+
 void Node::focus() {
     std::lock_guard<std::mutex> lock(state_->mu);
     for (Node* n : state_->nodes) D(n).spec.hasKeyboardFocus = false;

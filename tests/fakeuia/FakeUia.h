@@ -176,6 +176,11 @@ public:
     }
     std::vector<int> runtimeId() const;  // empty when the node has none
 
+    // A popup, such as a combo box's drop-down list: it stays among its
+    // owner's children for the walker's child steps, but the walker reports
+    // the desktop as its parent, as the real platform does for such windows.
+    void hangUnderDesktop();
+
     // Moves the keyboard focus here (clears it on every other node), as
     // IUIAutomationElement::SetFocus does.
     void focus();

@@ -448,7 +448,8 @@ public:
 
     HRESULT STDMETHODCALLTYPE GetParentElement(IUIAutomationElement* element, IUIAutomationElement** parent) override {
         return step("GetParentElement", element, parent, [this](Node* n) -> Node* {
-            return n == state_->root ? nullptr : viewParent(n);
+            if (n == state_->root) return nullptr;
+            return D(n).parentIsDesktop ? state_->root : viewParent(n);
         });
     }
     HRESULT STDMETHODCALLTYPE GetFirstChildElement(IUIAutomationElement* element, IUIAutomationElement** first) override {

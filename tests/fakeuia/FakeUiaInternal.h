@@ -55,6 +55,7 @@ struct NodeData {
     std::vector<Node*> describedBy;
     std::vector<Node*> flowsTo;
     int setFocusCalls = 0;
+    bool parentIsDesktop = false;  // a popup: reached from its owner, its parent is the desktop
 };
 
 struct Access {

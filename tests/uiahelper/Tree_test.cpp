@@ -235,3 +235,20 @@ TEST_F(Tree, TitlesOfVisibleWindowsAreMatchedWhole) {
     EXPECT_EQ(nullptr, UiaHelper::GetToplevelByTitleViaHWND(L"Report"));
     EXPECT_EQ(nullptr, UiaHelper::GetToplevelByTitleViaHWND(L"Report hidden")) << "invisible windows never count";
 }
+
+TEST_F(Tree, AComboBoxsPopupUnderTheDesktopEndsItsChildren) {
+    fakeuia::Node& top = window(L"w", 1);
+    fakeuia::Node& combo = child(top, UIA_ComboBoxControlTypeId, L"combo");
+    child(combo, UIA_ListControlTypeId, L"popup", L"ComboLBox").hangUnderDesktop();
+    child(combo, UIA_EditControlTypeId, L"edit");
+    ElementRef comboElement(elementOf(combo));
+    EXPECT_TRUE(names(UiaHelper::GetChildren(comboElement.get())).empty());
+    EXPECT_TRUE(logged(5, "Child ComboLBox is toplevel, ignore"));
+
+    // The rule is the combo box's alone: another element keeps such a child.
+    fakeuia::Node& list = child(top, UIA_ListControlTypeId, L"list");
+    child(list, UIA_WindowControlTypeId, L"floating").hangUnderDesktop();
+    child(list, UIA_ListItemControlTypeId, L"item");
+    ElementRef listElement(elementOf(list));
+    EXPECT_EQ((Names{L"floating", L"item"}), names(UiaHelper::GetChildren(listElement.get())));
+}
