@@ -4,9 +4,11 @@
 // presets the pointer to null before the call.
 #pragma once
 
+#include <windows.h>
 #include <oleauto.h>
 #include <unknwn.h>
 
+#include <string>
 #include <utility>
 
 namespace tolva {

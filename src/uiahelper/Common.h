@@ -2,6 +2,8 @@
 // the element list.
 #pragma once
 
+#include "uiahelper/ComPtr.h"
+
 #include <uiautomation.h>
 #include <windows.h>
 
@@ -18,5 +20,12 @@ using ElementList = std::vector<IUIAutomationElement*>;
 
 // Releases every non-null entry and empties the list.
 void ReleaseElements(ElementList& elements);
+
+// Asks the element for a pattern by id, with the pattern's own interface. A
+// success code with a null pattern means the element doesn't support it.
+template <class Pattern>
+HRESULT OpenPattern(IUIAutomationElement* element, PATTERNID id, tolva::ComPtr<Pattern>& pattern) {
+    return element->GetCurrentPatternAs(id, __uuidof(Pattern), reinterpret_cast<void**>(pattern.put()));
+}
 
 }  // namespace UiaHelper

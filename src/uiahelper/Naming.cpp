@@ -117,8 +117,7 @@ HRESULT GetControlRuntimeId(IUIAutomationElement* element, std::wstring& id) {
 HRESULT GetControlValue(IUIAutomationElement* element, std::wstring& value) {
     TOLVA_LOG(logger, 7, "el: " << static_cast<void*>(element));
     ComPtr<IUIAutomationValuePattern> pattern;
-    HRESULT hr = element->GetCurrentPatternAs(UIA_ValuePatternId, IID_IUIAutomationValuePattern,
-                                              reinterpret_cast<void**>(pattern.put()));
+    HRESULT hr = OpenPattern(element, UIA_ValuePatternId, pattern);
     if (FAILED(hr) || !pattern) {
         return hr;
     }
@@ -137,8 +136,7 @@ HRESULT GetControlValue(IUIAutomationElement* element, std::wstring& value) {
 bool SetControlValue(IUIAutomationElement* element, const std::wstring& value) {
     TOLVA_LOG(logger, 7, "el: " << static_cast<void*>(element) << ", value: " << value);
     ComPtr<IUIAutomationValuePattern> pattern;
-    HRESULT hr = element->GetCurrentPatternAs(UIA_ValuePatternId, IID_IUIAutomationValuePattern,
-                                              reinterpret_cast<void**>(pattern.put()));
+    HRESULT hr = OpenPattern(element, UIA_ValuePatternId, pattern);
     if (FAILED(hr) || !pattern) {
         return false;
     }

@@ -8,17 +8,6 @@ using tolva::ComPtr;
 
 namespace UiaHelper {
 
-namespace {
-
-// The pattern object, or null with the code of the request (a success code
-// when the element doesn't support the pattern).
-template <class Pattern>
-HRESULT OpenPattern(IUIAutomationElement* element, PATTERNID id, ComPtr<Pattern>& pattern) {
-    return element->GetCurrentPatternAs(id, __uuidof(Pattern), reinterpret_cast<void**>(pattern.put()));
-}
-
-}  // namespace
-
 std::wstring GetAccRoleName(IUIAutomationElement* element) {
     std::wstring name = NAME_NOT_READ;
     if (!element) {
