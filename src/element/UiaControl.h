@@ -1,6 +1,11 @@
 // The native object behind every element handle. One process-wide table maps
 // a stable text key to a control; the table owns every control, and a handle
 // is a control's address, good exactly while the control stands in the table.
+//
+// The table is guarded by a lock of its own, held only around table
+// operations (never across a call into the platform or into Java), and keeps
+// a second index from control to key, so that a handle check costs the same
+// whatever the size of the table.
 #pragma once
 
 #include "bridge/Array.h"
@@ -8,7 +13,7 @@
 #include <uiautomation.h>
 
 #include <cstdint>
-#include <map>
+#include <iosfwd>
 #include <string>
 
 namespace tolva {
@@ -20,11 +25,18 @@ public:
     UiaControl(const UiaControl&) = delete;
     UiaControl& operator=(const UiaControl&) = delete;
 
-    static bool isValidHandle(std::intptr_t handle);
+    // The control of an element, found by its key or made; the caller keeps
+    // its own reference. Null if no type can be found for the element.
+    static UiaControl* getControl(IUIAutomationElement* element, std::wstring type, UiaControl* parent);
+    static bool isValidHandle(std::intptr_t handle);  // never touches the value
     static void remove(std::intptr_t handle);
     static void removeControls();
+    // The key under which a control stands ("rid2"); empty if it stands nowhere.
+    static std::wstring keyOf(const UiaControl* control);
+    static std::size_t size();
 
     void setElement(IUIAutomationElement* element);  // takes its own reference
+    void cacheName(std::wstring name);
 
     // Reading and writing by handle (the handle has been checked).
     static std::wstring getClassName(std::intptr_t handle);
@@ -35,11 +47,18 @@ public:
     static bool setAttribute(std::intptr_t handle, const std::wstring& name, const std::wstring& value);
 
     IUIAutomationElement* element = nullptr;  // one counted reference, owned
-    std::wstring type;
-    std::wstring id;
-    std::wstring name;
+    std::wstring type;  // as first seen; never refreshed
+    std::wstring id;    // automation id as first seen; never refreshed
+    std::wstring name;  // at most 16 characters, "..." when the full name was longer
 
-    static std::map<std::wstring, UiaControl*> controls;
+private:
+    static std::wstring buildKey(IUIAutomationElement* element, std::wstring& type, UiaControl* parent,
+                                 std::wstring& name, bool& nameRead, bool& found);
+    static std::wstring noIdKeyPart(IUIAutomationElement* element, const std::wstring& type, UiaControl* parent,
+                                    std::wstring& name);
 };
+
+// "Button@2f0c18<el=5e3a90,id=1001,name=OK/>"
+std::ostream& operator<<(std::ostream& out, const UiaControl& control);
 
 }  // namespace tolva

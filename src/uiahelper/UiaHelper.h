@@ -5,6 +5,7 @@
 #pragma once
 
 #include "uiahelper/Common.h"
+#include "uiahelper/Legacy.h"
 #include "uiahelper/Naming.h"
 #include "uiahelper/Surface.h"
 #include "uiahelper/Tree.h"

@@ -1,0 +1,16 @@
+// What an element says through the MSAA bridge (the LegacyIAccessible pattern).
+#pragma once
+
+#include "uiahelper/Common.h"
+
+#include <string>
+
+namespace UiaHelper {
+
+// The MSAA child id; 0 without the pattern or on a failure.
+int GetControlChildId(IUIAutomationElement* element);
+// The names of the set MSAA state bits in ascending order, joined by ","; "NORMAL"
+// for the state 0, "VALID" for 0x7FFFFFFF; empty without the pattern or on a failure.
+std::wstring GetAccStateNames(IUIAutomationElement* element);
+
+}  // namespace UiaHelper
