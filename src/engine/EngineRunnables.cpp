@@ -1,10 +1,13 @@
 #include "engine/EngineRunnables.h"
 
 #include "bridge/Logging.h"
+#include "element/UiaControl.h"
 #include "engine/Uia.h"
 #include "events/EventFilter.h"
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/UiaHelper.h"
+
+#include <algorithm>
 
 namespace tolva {
 
@@ -47,12 +50,68 @@ std::int32_t ProcessByPidFinder::operator()() {
     return found ? 1 : 0;
 }
 
+// The first window whose name matches and that wasn't there before the
+// target started.
+static IUIAutomationElement* NewWindowByTitle(const std::wstring& title, const std::vector<HWND>& existing) {
+    UiaHelper::ElementList windows = UiaHelper::GetElementsByTypeAndName(nullptr, L"", title, false, TreeScope_Children);
+    IUIAutomationElement* chosen = nullptr;
+    for (IUIAutomationElement* window : windows) {
+        HWND hwnd = UiaHelper::GetControlHwnd(window);
+        TOLVA_LOG(titleLogger, 9, static_cast<void*>(window) << ", hWnd:" << static_cast<void*>(hwnd));
+        if (!chosen && std::find(existing.begin(), existing.end(), hwnd) == existing.end()) {
+            TOLVA_LOG(titleLogger, 9, "found new win: " << static_cast<void*>(window));
+            window->AddRef();
+            chosen = window;
+        }
+    }
+    UiaHelper::ReleaseElements(windows);
+    return chosen;
+}
+
+// A store app's frame: the app is the core window among the frame's children.
+static int CoreWindowProcessId(IUIAutomationElement* frame) {
+    UiaControl* control = UiaControl::getControl(frame, std::wstring(), nullptr);
+    if (!control) {
+        TOLVA_LOG(titleLogger, 3, "CoreWindow not found");
+        return 0;
+    }
+    int pid = 0;
+    UiaHelper::ElementList children = UiaHelper::GetChildren(control->element);
+    for (IUIAutomationElement* child : children) {
+        if (UiaHelper::GetControlClassName(child) == L"Windows.UI.Core.CoreWindow") {
+            UiaHelper::GetControlProcessId(child, &pid);  // with more than one, the last wins
+        }
+    }
+    UiaHelper::ReleaseElements(children);
+    UiaControl::remove(reinterpret_cast<std::intptr_t>(control));
+    if (pid == 0) {
+        TOLVA_LOG(titleLogger, 3, "CoreWindow not found");
+    }
+    return pid;
+}
+
 std::int32_t ProcessByTitleFinder::operator()() {
-    // Finding by title needs the name search of the element helpers, which is
-    // not part of this build yet.
-    TOLVA_LOG(titleLogger, 3, "Not yet implemented: " << title_ << " (" << existingWindows_->size()
-                                                      << " existing, via hwnd " << viaHwnd_ << ")");
-    return 0;
+    IUIAutomationElement* window = nullptr;
+    if (viaHwnd_) {
+        window = UiaHelper::GetToplevelByTitleViaHWND(title_);
+    } else if (existingWindows_->empty()) {
+        window = UiaHelper::GetElementByTypeAndName(nullptr, L"", title_, TreeScope_Children);
+    } else {
+        window = NewWindowByTitle(title_, *existingWindows_);
+    }
+    if (!window) {
+        return 0;
+    }
+    const std::wstring className = UiaHelper::GetControlClassName(window);
+    TOLVA_LOG(titleLogger, 9, "cls: " << className);
+    int pid = 0;
+    if (className != L"ApplicationFrameWindow") {
+        UiaHelper::GetControlProcessId(window, &pid);
+    } else {
+        pid = CoreWindowProcessId(window);
+    }
+    window->Release();
+    return pid;
 }
 
 std::int32_t ProcessByClassFinder::operator()() {

@@ -91,7 +91,10 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
     EventFilter::getInstance().detachThread();
     UiaEventQueue::destroy();
     UiaControl::removeControls();
-    automationObject->Release();  // the pointer stays as it is
+    // Released and forgotten, so that a later attach in this process makes a
+    // new object instead of releasing this one a second time.
+    automationObject->Release();
+    automationObject = nullptr;
     CoUninitialize();
     TOLVA_LOG(logger, 5, "Done");
     return 0;
