@@ -119,6 +119,7 @@ struct NodeSpec {
     std::wstring itemStatus{};
     int culture = 0;
     OrientationType orientation = OrientationType_None;
+    int level = 0;  // UIA_LevelPropertyId: depth in a tree or an outline
     bool isRequiredForForm = false;
     bool isDataValidForForm = true;
 };

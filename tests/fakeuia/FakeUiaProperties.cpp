@@ -102,6 +102,7 @@ PropertyType modeledType(PROPERTYID id) {
     case UIA_CulturePropertyId:
     case UIA_NativeWindowHandlePropertyId:
     case UIA_OrientationPropertyId:
+    case UIA_LevelPropertyId:
         return PropertyType::I4;
     case UIA_LocalizedControlTypePropertyId:
     case UIA_NamePropertyId:
@@ -210,6 +211,7 @@ void readPropertyLocked(State& state, Node* node, PROPERTYID id, VARIANT* out) {
         *out = i4Variant(static_cast<int>(reinterpret_cast<std::intptr_t>(s.nativeWindowHandle)));
         return;
     case UIA_OrientationPropertyId: *out = i4Variant(s.orientation); return;
+    case UIA_LevelPropertyId: *out = i4Variant(s.level); return;
     case UIA_LocalizedControlTypePropertyId:
         *out = bstrVariant(s.localizedControlType ? *s.localizedControlType : localizedControlTypeName(s.controlType));
         return;

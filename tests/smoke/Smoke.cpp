@@ -47,7 +47,13 @@ int main() {
     window.className = L"SmokeWindow";
     window.processId = static_cast<int>(GetCurrentProcessId());
     window.bounds = {100, 100, 500, 400};
-    platform.desktop().add(window);
+    fakeuia::Node& target = platform.desktop().add(window);
+    fakeuia::NodeSpec button;
+    button.controlType = UIA_ButtonControlTypeId;
+    button.name = L"OK";
+    button.automationId = L"1001";
+    button.bounds = {120, 350, 200, 380};
+    target.add(button);
 
     jnihost::JavaHost host;
     JNIEnv* env = host.attachCurrentThread();
@@ -84,6 +90,17 @@ int main() {
     step(dll.call<jboolean>("SetTimeouts", env, self, jint{2000}, jint{20000}) == JNI_TRUE &&
              platform.connectionTimeout() == std::optional<DWORD>(2000),
          "SetTimeouts(2000, 20000) reached the automation object");
+
+    auto tops = host.longs(dll.call<jlongArray>("GetToplevels", env, self));
+    step(tops.size() == 1, "GetToplevels: " + std::to_string(tops.size()) + " window(s)");
+    if (!tops.empty()) {
+        auto children = host.longs(dll.call<jlongArray>("GetChildren", env, self, tops[0]));
+        auto again = host.longs(dll.call<jlongArray>("GetChildren", env, self, tops[0]));
+        step(children.size() == 1 && children == again, "GetChildren: one button, the same handle on every read");
+        if (!children.empty()) {
+            step(dll.call<jlong>("GetParent", env, self, children[0]) == tops[0], "GetParent of the button is the window");
+        }
+    }
 
     dll.call<void>("TriggerThread", env, self);
     step(host.waitForConstructions("net/tolva/apps/cuebench/client/win/deskwright/event/CallbackEvent", 1, 5000),

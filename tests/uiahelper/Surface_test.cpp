@@ -309,11 +309,11 @@ TEST_F(Surface, GettersOfAPlainElement) {
 }
 
 TEST_F(Surface, LevelIsTheIntegerOfThePropertyRead) {
-    ElementRef element(elementOf(node(UIA_TreeItemControlTypeId)));
-    // The simulation doesn't model the level: an empty VARIANT, read as 0.
-    EXPECT_EQ(0, UiaHelper::GetControlLevel(element.get()));
-    const std::vector<PROPERTYID> reads = platform->unmodeledPropertyReads();
-    EXPECT_NE(reads.end(), std::find(reads.begin(), reads.end(), UIA_LevelPropertyId));
+    fakeuia::Node& item = node(UIA_TreeItemControlTypeId);
+    item.update([](fakeuia::NodeSpec& spec) { spec.level = 3; });
+    ElementRef element(elementOf(item));
+    EXPECT_EQ(3, UiaHelper::GetControlLevel(element.get()));
+    EXPECT_TRUE(platform->unmodeledPropertyReads().empty());
 }
 
 TEST_F(Surface, FailedReadsGiveTheDefaults) {
