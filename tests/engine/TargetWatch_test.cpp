@@ -29,7 +29,12 @@ public:
         startup.cb = sizeof startup;
         startup.dwFlags = STARTF_USESTDHANDLES;
         startup.hStdOutput = writeEnd;
-        startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+        startup.hStdError = writeEnd;
+        // The target must not hold the test's own output open: the runner
+        // waits for it to close.
+        for (DWORD which : {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
+            SetHandleInformation(GetStdHandle(which), HANDLE_FLAG_INHERIT, 0);
+        }
         std::wstring command = L"target.exe \"" + title + L"\"";
         started_ = CreateProcessW(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
                                   &info_) != 0;

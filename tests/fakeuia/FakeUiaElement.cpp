@@ -419,7 +419,9 @@ public:
         if (!element) return E_POINTER;
         *element = nullptr;
         if (index < 0 || static_cast<size_t>(index) >= nodes_.size()) return E_INVALIDARG;
-        *element = newElement(*state_, nodes_[static_cast<size_t>(index)]);
+        Node* node = nodes_[static_cast<size_t>(index)];
+        if (!node) return E_FAIL;  // an entry the provider couldn't give
+        *element = newElement(*state_, node);
         return S_OK;
     }
 
@@ -544,6 +546,13 @@ private:
         Node* parent = viewParent(n);
         std::vector<Node*> kids;
         viewChildren(parent, kids);
+        // A node of the view is one of its view parent's view children, which
+        // stand in document order: its neighbour there is the sibling.
+        auto self = std::find(kids.begin(), kids.end(), n);
+        if (self != kids.end()) {
+            if (next) return self + 1 == kids.end() ? nullptr : *(self + 1);
+            return self == kids.begin() ? nullptr : *(self - 1);
+        }
         std::vector<Node*> order;  // document order below the view parent
         preorderLocked(parent, order);
         auto pos = [&](Node* x) { return std::find(order.begin(), order.end(), x) - order.begin(); };

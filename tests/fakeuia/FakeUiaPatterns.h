@@ -302,7 +302,9 @@ public:
 
 // --- Table ----------------------------------------------------------------------------------------
 // Header arrays keep removed header nodes in their place: GetElement on such an
-// entry works, reads on that element fail with kElementNotAvailable.
+// entry works, reads on that element fail with kElementNotAvailable. A null
+// entry stands for a header the provider can't give: GetElement fails there
+// with E_FAIL.
 class TableSource : public PatternSourceBase {
 public:
     static constexpr PATTERNID id = UIA_TablePatternId;

@@ -2,7 +2,8 @@
 # Runs the Windows test executables of one suite (32 or 64 bits) under Wine,
 # on an Xvfb display and in a Wine prefix of that suite's own, both in /tmp.
 #
-#   suite.sh setup BITS          start the display and make a fresh prefix
+#   suite.sh setup BITS [EXE]    start the display and make a fresh prefix
+#                                (EXE: a program that shows a window, for a warm-up)
 #   suite.sh run BITS EXE ARGS   run one test executable
 #   suite.sh cleanup BITS        stop Wine and the display
 set -u
@@ -33,6 +34,14 @@ setup)
   # by a test, they would inherit its output and hold it open.
   wineserver -p </dev/null >/dev/null 2>&1
   wine cmd /c exit </dev/null >/dev/null 2>&1
+  # Likewise the desktop process that the first window of the prefix brings
+  # up: a program with a window (suite.sh setup BITS EXE) starts it now.
+  if [ -n "${1:-}" ]; then
+    wine "$1" warm-up </dev/null >"$state/warm-up.log" 2>&1 &
+    warm=$!
+    for _ in $(seq 200); do grep -q '^window' "$state/warm-up.log" && break; sleep 0.1; done
+    kill "$warm" 2>/dev/null; wait "$warm" 2>/dev/null
+  fi
   echo "wine prefix $WINEPREFIX on display $DISPLAY"
   ;;
 run)
