@@ -10,23 +10,28 @@ Logger& logger = Log::getLogger("tolva.deskwright");
 }  // namespace
 
 PinnedString::PinnedString(JNIEnv* env, jstring text)
-    : env_(env), text_(text), chars_(env->GetStringChars(text, nullptr)) {}
+    : env_(env), text_(text), chars_(text ? env->GetStringChars(text, nullptr) : nullptr) {}
 
 PinnedString::~PinnedString() {
-    env_->ReleaseStringChars(text_, chars_);
+    if (chars_) {
+        env_->ReleaseStringChars(text_, chars_);
+    }
 }
 
 PinnedNames::PinnedNames(JNIEnv* env, jobjectArray names)
-    : env_(env), names_(names), list_(env->GetArrayLength(names)) {
+    : env_(env), names_(names), list_(names ? env->GetArrayLength(names) : 0) {
     for (std::int32_t i = 0; i < list_.size(); ++i) {
         auto name = static_cast<jstring>(env->GetObjectArrayElement(names, i));
-        list_[i] = reinterpret_cast<const wchar_t*>(env->GetStringChars(name, nullptr));
+        list_[i] = name ? reinterpret_cast<const wchar_t*>(env->GetStringChars(name, nullptr)) : nullptr;
         TOLVA_LOG(logger, 9, i << ": " << list_[i]);
     }
 }
 
 PinnedNames::~PinnedNames() {
     for (std::int32_t i = 0; i < list_.size(); ++i) {
+        if (!list_[i]) {
+            continue;
+        }
         auto name = static_cast<jstring>(env_->GetObjectArrayElement(names_, i));
         env_->ReleaseStringChars(name, reinterpret_cast<const jchar*>(list_[i]));
     }

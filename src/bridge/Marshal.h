@@ -12,7 +12,8 @@
 namespace tolva {
 
 // A Java string pinned with GetStringChars for the life of the object. The
-// native text is the characters up to the first NUL.
+// native text is the characters up to the first NUL; a null string gives the
+// empty text and pins nothing.
 class PinnedString {
 public:
     PinnedString(JNIEnv* env, jstring text);
@@ -20,7 +21,7 @@ public:
     PinnedString(const PinnedString&) = delete;
     PinnedString& operator=(const PinnedString&) = delete;
 
-    std::wstring str() const { return std::wstring(chars()); }
+    std::wstring str() const { return chars_ ? std::wstring(chars()) : std::wstring(); }
     const wchar_t* chars() const { return reinterpret_cast<const wchar_t*>(chars_); }
 
 private:
@@ -30,7 +31,8 @@ private:
 };
 
 // The elements of a String[] pinned one by one; the back end receives the raw
-// character pointers. Each element is fetched again to be released.
+// character pointers (null for a null element; a null array is empty). Each
+// element is fetched again to be released.
 class PinnedNames {
 public:
     PinnedNames(JNIEnv* env, jobjectArray names);

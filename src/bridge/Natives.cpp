@@ -35,19 +35,26 @@ const char* const INVALID_HANDLE_EXCEPTION = "net/tolva/apps/cuebench/client/win
 
 }  // namespace
 
-// The single handle gate of the natives: false, with InvalidHandleException
-// pending, when the handle names no living element.
-static bool Uia_CheckHandle(JNIEnv* env, jlong handle) {
-    const int check = Uia::getInstance().checkHandle(handleFromJava(handle));
+// The single handle gate of the natives: an empty use, with
+// InvalidHandleException pending, when the handle names no living element.
+// The native holds the use while it works with the control, so that another
+// thread that removes the control meanwhile can't delete it under its feet.
+static ControlRef Uia_CheckHandle(JNIEnv* env, jlong handle) {
+    int check = Uia::getInstance().checkHandle(handleFromJava(handle));
+    ControlRef use;
     if (check == 0) {
-        return true;
+        use = UiaControl::acquire(handleFromJava(handle));
+        if (use) {
+            return use;
+        }
+        check = 1;  // removed by another thread since the check
     }
     jclass exceptionClass = env->FindClass(INVALID_HANDLE_EXCEPTION);
     const char* message = check == 2 ? "Control does no longer exist" : "Invalid handle value";
     if (!exceptionClass || env->ThrowNew(exceptionClass, message) != 0) {
         TOLVA_LOG(logger, 1, "Could not throw in " << "Uia_CheckHandle()");
     }
-    return false;
+    return use;
 }
 
 extern "C" {
@@ -144,7 +151,7 @@ JNIEXPORT jstring JNICALL NATIVE(GetPreference)(JNIEnv* env, jobject, jstring ke
 JNIEXPORT jlongArray JNICALL NATIVE(GetChildren)(JNIEnv* env, jobject, jlong handle) {
     Array<Handle> children;
     if (useUia) {
-        if (Uia_CheckHandle(env, handle)) {
+        if (ControlRef use = Uia_CheckHandle(env, handle)) {
             children = Uia::getInstance().getChildren(handleFromJava(handle));
         }
     } else {
@@ -159,7 +166,7 @@ JNIEXPORT jobjectArray JNICALL NATIVE(GetChildrenWithAttributes)(JNIEnv* env, jo
     PinnedNames pinned(env, names);
     if (!useUia) {
         NOT_MAYBE_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Array<std::wstring> flat = Uia::getInstance().getChildrenWithAttributes(handleFromJava(handle), pinned.list());
         result = toJavaAttributes(env, flat.begin(), flat.size());
     }
@@ -174,7 +181,7 @@ JNIEXPORT jobjectArray JNICALL NATIVE(GetHierarchyWithAttributes)(JNIEnv* env, j
     Array<Handle> excludedHandles = fromJavaHandles(env, excluded);
     if (!useUia) {
         NOT_MAYBE_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         std::vector<std::wstring> flat;
         Uia::getInstance().getHierarchyWithAttributes(handleFromJava(handle), pinned.list(), excludedHandles, flat, 0);
         TOLVA_LOG(logger, 9, "Got " << flat.size() << " elements");
@@ -186,7 +193,7 @@ JNIEXPORT jobjectArray JNICALL NATIVE(GetHierarchyWithAttributes)(JNIEnv* env, j
 JNIEXPORT jlong JNICALL NATIVE(GetParent)(JNIEnv* env, jobject, jlong handle) {
     Handle parent = 0;
     if (useUia) {
-        if (Uia_CheckHandle(env, handle)) {
+        if (ControlRef use = Uia_CheckHandle(env, handle)) {
             parent = Uia::getInstance().getParent(handleFromJava(handle));
         }
     } else {
@@ -198,10 +205,9 @@ JNIEXPORT jlong JNICALL NATIVE(GetParent)(JNIEnv* env, jobject, jlong handle) {
 JNIEXPORT jlong JNICALL NATIVE(GetNativeHandle)(JNIEnv* env, jobject, jlong handle) {
     jlong result = 0;
     if (useUia) {
-        if (Uia_CheckHandle(env, handle)) {
+        if (ControlRef use = Uia_CheckHandle(env, handle)) {
             UIA_HWND hwnd = nullptr;
-            auto* control = reinterpret_cast<UiaControl*>(handleFromJava(handle));
-            control->element->get_CurrentNativeWindowHandle(&hwnd);
+            use->getElement()->get_CurrentNativeWindowHandle(&hwnd);
             result = handleToJava(reinterpret_cast<Handle>(hwnd));
         }
     } else {
@@ -213,8 +219,8 @@ JNIEXPORT jlong JNICALL NATIVE(GetNativeHandle)(JNIEnv* env, jobject, jlong hand
 JNIEXPORT jstring JNICALL NATIVE(GetClassName)(JNIEnv* env, jobject, jlong handle) {
     std::wstring name;
     if (useUia) {
-        if (Uia_CheckHandle(env, handle)) {
-            name = UiaControl::getClassName(handleFromJava(handle));
+        if (ControlRef use = Uia_CheckHandle(env, handle)) {
+            name = use->getClassName();
         }
     } else {
         name = ShmComm::getInstance().getClassName(handleFromJava(handle));
@@ -225,8 +231,8 @@ JNIEXPORT jstring JNICALL NATIVE(GetClassName)(JNIEnv* env, jobject, jlong handl
 JNIEXPORT jobjectArray JNICALL NATIVE(GetClassNames)(JNIEnv* env, jobject, jlong handle) {
     Array<std::wstring> names;
     if (useUia) {
-        if (Uia_CheckHandle(env, handle)) {
-            names = UiaControl::getClassNames(handleFromJava(handle));
+        if (ControlRef use = Uia_CheckHandle(env, handle)) {
+            names = use->getClassNames();
         }
     } else {
         names = ShmComm::getInstance().getClassNames(handleFromJava(handle));
@@ -237,8 +243,8 @@ JNIEXPORT jobjectArray JNICALL NATIVE(GetClassNames)(JNIEnv* env, jobject, jlong
 JNIEXPORT jintArray JNICALL NATIVE(GetBounds)(JNIEnv* env, jobject, jlong handle) {
     jint bounds[4] = {0, 0, 0, 0};
     if (useUia) {
-        if (Uia_CheckHandle(env, handle)) {
-            const RECT rect = UiaControl::getBounds(handleFromJava(handle));
+        if (ControlRef use = Uia_CheckHandle(env, handle)) {
+            const RECT rect = use->getBounds();
             bounds[0] = rect.left;
             bounds[1] = rect.top;
             bounds[2] = rect.right - rect.left;
@@ -261,8 +267,8 @@ JNIEXPORT jstring JNICALL NATIVE(GetAttribute)(JNIEnv* env, jobject, jlong handl
     PinnedString pinned(env, name);
     if (!useUia) {
         NOT_MAYBE_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
-        wchar_t* value = UiaControl::getAttribute(handleFromJava(handle), pinned.str());
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
+        wchar_t* value = use->getAttribute(pinned.str());
         if (value) {
             result = toJavaString(env, value);
             delete[] value;
@@ -276,7 +282,7 @@ JNIEXPORT jobjectArray JNICALL NATIVE(GetAttributes)(JNIEnv* env, jobject, jlong
     PinnedNames pinned(env, names);
     if (!useUia) {
         NOT_MAYBE_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Array<std::wstring> flat = Uia::getInstance().getAttributes(handleFromJava(handle), pinned.list());
         result = toJavaAttributes(env, flat.begin(), flat.size());
     }
@@ -289,8 +295,8 @@ JNIEXPORT jboolean JNICALL NATIVE(SetAttribute)(JNIEnv* env, jobject, jlong hand
     PinnedString pinnedValue(env, value);
     if (!useUia) {
         NOT_MAYBE_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
-        result = UiaControl::setAttribute(handleFromJava(handle), pinnedName.str(), pinnedValue.str()) ? JNI_TRUE
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
+        result = use->setAttribute(pinnedName.str(), pinnedValue.str()) ? JNI_TRUE
                                                                                                      : JNI_FALSE;
     }
     return result;
@@ -321,7 +327,7 @@ JNIEXPORT jlongArray JNICALL NATIVE(GetElementsByProperty)(JNIEnv* env, jobject,
     jlongArray result = nullptr;
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         PinnedString pinnedName(env, name);
         PinnedString pinnedValue(env, value);
         Array<Handle> found =
@@ -336,7 +342,7 @@ JNIEXPORT jlongArray JNICALL NATIVE(FindAllWindows)(JNIEnv* env, jobject, jlong 
     jlongArray result = nullptr;
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Array<Handle> found = Uia::getInstance().findAllWindows(handleFromJava(handle));
         TOLVA_LOG(logger, 9, "count: " << found.size());
         result = toJavaHandles(env, found);
@@ -415,7 +421,7 @@ JNIEXPORT void JNICALL NATIVE(EnableRecordingMode)(JNIEnv*, jobject, jboolean en
 JNIEXPORT void JNICALL NATIVE(Highlight)(JNIEnv* env, jobject, jlong handle, jint duration, jint color) {
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().highlight(handleFromJava(handle), duration, color);
     }
 }
@@ -424,7 +430,7 @@ JNIEXPORT void JNICALL NATIVE(SimulateMouseEvent)(JNIEnv* env, jobject, jlong ha
                                                    jint y, jint modifiers, jint count) {
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().simulateMouseEvent(handleFromJava(handle), id, button, x, y, modifiers, count);
     }
 }
@@ -433,7 +439,7 @@ JNIEXPORT void JNICALL NATIVE(SimulateKeyStroke)(JNIEnv* env, jobject, jlong han
                                                   jint modifiers) {
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().simulateKeyStroke(handleFromJava(handle), static_cast<wchar_t>(c), keyCode, modifiers);
     }
 }
@@ -441,7 +447,7 @@ JNIEXPORT void JNICALL NATIVE(SimulateKeyStroke)(JNIEnv* env, jobject, jlong han
 JNIEXPORT void JNICALL NATIVE(SetFocus)(JNIEnv* env, jobject, jlong handle) {
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().setFocus(handleFromJava(handle));
     }
 }
@@ -450,7 +456,7 @@ JNIEXPORT jboolean JNICALL NATIVE(Move)(JNIEnv* env, jobject, jlong handle, jint
     bool result = false;
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         result = Uia::getInstance().moveControl(handleFromJava(handle), x, y);
     }
     return result ? JNI_TRUE : JNI_FALSE;
@@ -460,7 +466,7 @@ JNIEXPORT jboolean JNICALL NATIVE(Resize)(JNIEnv* env, jobject, jlong handle, ji
     bool result = false;
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         result = Uia::getInstance().resizeControl(handleFromJava(handle), width, height);
     }
     return result ? JNI_TRUE : JNI_FALSE;
@@ -470,7 +476,7 @@ JNIEXPORT jboolean JNICALL NATIVE(Close)(JNIEnv* env, jobject, jlong handle) {
     bool result = false;
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         result = Uia::getInstance().closeControl(handleFromJava(handle));
     }
     return result ? JNI_TRUE : JNI_FALSE;
@@ -480,7 +486,7 @@ JNIEXPORT jboolean JNICALL NATIVE(BringToFront)(JNIEnv* env, jobject, jlong hand
     bool result = false;
     if (!useUia) {
         NOT_YET_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         result = Uia::getInstance().bringToFront(handleFromJava(handle));
     }
     return result ? JNI_TRUE : JNI_FALSE;
@@ -489,7 +495,7 @@ JNIEXPORT jboolean JNICALL NATIVE(BringToFront)(JNIEnv* env, jobject, jlong hand
 JNIEXPORT void JNICALL NATIVE(DoDefaultAction)(JNIEnv* env, jobject, jlong handle) {
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().doDefaultAction(handleFromJava(handle));
     }
 }
@@ -497,7 +503,7 @@ JNIEXPORT void JNICALL NATIVE(DoDefaultAction)(JNIEnv* env, jobject, jlong handl
 JNIEXPORT void JNICALL NATIVE(Invoke)(JNIEnv* env, jobject, jlong handle) {
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().invoke(handleFromJava(handle));
     }
 }
@@ -505,7 +511,7 @@ JNIEXPORT void JNICALL NATIVE(Invoke)(JNIEnv* env, jobject, jlong handle) {
 JNIEXPORT void JNICALL NATIVE(Select)(JNIEnv* env, jobject, jlong handle, jint mode) {
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().select(handleFromJava(handle), mode);
     }
 }
@@ -514,7 +520,7 @@ JNIEXPORT jboolean JNICALL NATIVE(Toggle)(JNIEnv* env, jobject, jlong handle, ji
     bool result = false;
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         result = Uia::getInstance().toggle(handleFromJava(handle), mode);
     }
     return result ? JNI_TRUE : JNI_FALSE;
@@ -524,7 +530,7 @@ JNIEXPORT jboolean JNICALL NATIVE(Expand)(JNIEnv* env, jobject, jlong handle, jb
     bool result = false;
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         result = Uia::getInstance().expand(handleFromJava(handle), expand != 0 ? 1 : 0);
     }
     return result ? JNI_TRUE : JNI_FALSE;
@@ -533,7 +539,7 @@ JNIEXPORT jboolean JNICALL NATIVE(Expand)(JNIEnv* env, jobject, jlong handle, jb
 JNIEXPORT void JNICALL NATIVE(Scroll)(JNIEnv* env, jobject, jlong handle, jdouble horizontal, jdouble vertical) {
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         Uia::getInstance().scroll(handleFromJava(handle), horizontal, vertical);
     }
 }
@@ -542,7 +548,7 @@ JNIEXPORT jboolean JNICALL NATIVE(ScrollIntoView)(JNIEnv* env, jobject, jlong ha
     bool result = false;
     if (!useUia) {
         NOT_IMPLEMENTED();
-    } else if (Uia_CheckHandle(env, handle)) {
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         result = Uia::getInstance().scrollIntoView(handleFromJava(handle)) == 1;
     }
     return result ? JNI_TRUE : JNI_FALSE;

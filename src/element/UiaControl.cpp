@@ -8,7 +8,7 @@
 #include <mutex>
 #include <ostream>
 #include <regex>
-#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace tolva {
@@ -19,12 +19,13 @@ Logger& logger = Log::getLogger("tolva.uia.UiaControl");
 
 const std::size_t SHORT_NAME_LENGTH = 16;
 
-// The table: key to control, and control to key. Only the functions of this
-// file touch them, and only with the lock held.
+// The table: key to control, and the set of the controls in it, so that a
+// handle is tested without a walk. Only the functions of this file touch
+// them, and only with the lock held.
 struct Table {
     std::mutex lock;
     std::map<std::wstring, UiaControl*> byKey;
-    std::unordered_map<const UiaControl*, std::wstring> keyOf;
+    std::unordered_set<const UiaControl*> standing;
 };
 
 Table& table() {
@@ -46,19 +47,48 @@ std::string narrow(const std::wstring& text) {
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, const UiaControl& control) {
+    IUIAutomationElement* element = nullptr;
+    std::wstring name;
+    {
+        std::lock_guard<std::mutex> guard(control.lock_);
+        element = control.element_;
+        name = control.name_;
+    }
     out << narrow(control.type) << "@" << std::hex << reinterpret_cast<std::uintptr_t>(&control) << "<el="
-        << reinterpret_cast<std::uintptr_t>(control.element) << std::dec;
+        << reinterpret_cast<std::uintptr_t>(element) << std::dec;
     if (!control.id.empty()) {
         out << ",id=" << narrow(control.id);
     }
-    if (!control.name.empty()) {
-        out << ",name=" << narrow(control.name);
+    if (!name.empty()) {
+        out << ",name=" << narrow(name);
     }
     return out << "/>";
 }
 
+ControlRef& ControlRef::operator=(ControlRef&& other) noexcept {
+    if (this != &other) {
+        reset();
+        control_ = other.control_;
+        other.control_ = nullptr;
+    }
+    return *this;
+}
+
+void ControlRef::reset() {
+    if (control_) {
+        control_->dropUse();
+        control_ = nullptr;
+    }
+}
+
+void UiaControl::dropUse() {
+    if (uses_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete this;
+    }
+}
+
 UiaControl::UiaControl(IUIAutomationElement* newElement) {
-    element = newElement;
+    element_ = newElement;
     if (!newElement) {
         TOLVA_LOG(logger, 3, "No element");
         return;
@@ -77,8 +107,8 @@ UiaControl::UiaControl(IUIAutomationElement* newElement) {
 
 UiaControl::~UiaControl() {
     TOLVA_LOG(logger, 7, *this);
-    if (element) {
-        element->Release();
+    if (element_) {
+        element_->Release();
     }
 }
 
@@ -88,21 +118,43 @@ void UiaControl::setElement(IUIAutomationElement* newElement) {
         return;
     }
     newElement->AddRef();  // first: the new and the old may be one object
-    if (element) {
-        element->Release();
+    IUIAutomationElement* old = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        old = element_;
+        element_ = newElement;
     }
-    element = newElement;
+    if (old) {
+        old->Release();
+    }
+}
+
+ComPtr<IUIAutomationElement> UiaControl::getElement() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (element_) {
+        element_->AddRef();
+    }
+    return ComPtr<IUIAutomationElement>::attach(element_);
 }
 
 void UiaControl::cacheName(std::wstring full) {
-    if (full.compare(0, SHORT_NAME_LENGTH, name, 0, SHORT_NAME_LENGTH) == 0) {
-        return;
-    }
-    name = full.substr(0, SHORT_NAME_LENGTH);
+    std::wstring shortened = full.substr(0, SHORT_NAME_LENGTH);
     if (full.size() > SHORT_NAME_LENGTH) {
-        name += L"...";
+        shortened += L"...";
+    }
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (full.compare(0, SHORT_NAME_LENGTH, name_, 0, SHORT_NAME_LENGTH) == 0) {
+            return;
+        }
+        name_ = shortened;
     }
     TOLVA_LOG(logger, 9, "new name: " << *this);
+}
+
+std::wstring UiaControl::shortName() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return name_;
 }
 
 // The location of an element relative to its parent, as the key shows it:
@@ -129,8 +181,8 @@ std::wstring UiaControl::noIdKeyPart(IUIAutomationElement* element, const std::w
     Preferences& preferences = Preferences::getInstance();
     const RECT bounds = UiaHelper::GetControlBounds(element);
     name = UiaHelper::GetControlName(element);
-    IUIAutomationElement* parentElement = parent ? parent->element : UiaHelper::GetParent(element);
-    const bool ownParent = !parent && parentElement;
+    ComPtr<IUIAutomationElement> parentElement =
+        parent ? parent->getElement() : ComPtr<IUIAutomationElement>::attach(UiaHelper::GetParent(element));
 
     std::wstring id;
     if (bounds.left == 0 && bounds.top == 0 && bounds.right == 0 && bounds.bottom == 0) {
@@ -145,15 +197,14 @@ std::wstring UiaControl::noIdKeyPart(IUIAutomationElement* element, const std::w
         }
         if (id.empty() || type == L"SplitButton" || type == L"Button" || type == L"TabItem" ||
             preferences.getFlag(PREF_RID_APPEND_LOC)) {
-            id += LocationText(bounds, parentElement);
+            id += LocationText(bounds, parentElement.get());
         }
     }
-    UiaControl* parentControl = parent ? parent : getControl(parentElement, std::wstring(), nullptr);
+    UiaControl* parentControl = parent ? parent : getControl(parentElement.get(), std::wstring(), nullptr);
     if (parentControl) {
-        id = keyOf(parentControl) + L"_" + id;
-    }
-    if (ownParent) {
-        parentElement->Release();
+        // The key the parent control was made under: a control that another
+        // thread has taken out of the table meanwhile still knows it.
+        id = parentControl->key_ + L"_" + id;
     }
     return id;
 }
@@ -201,37 +252,37 @@ UiaControl* UiaControl::getControl(IUIAutomationElement* element, std::wstring t
     if (!found) {
         return nullptr;
     }
-    UiaControl* control = nullptr;
+    ControlRef hit;
     {
         std::lock_guard<std::mutex> guard(table().lock);
-        auto hit = table().byKey.find(key);
-        if (hit != table().byKey.end()) {
-            control = hit->second;
+        auto entry = table().byKey.find(key);
+        if (entry != table().byKey.end()) {
+            entry->second->addUse();
+            hit = ControlRef(entry->second);
         }
     }
-    if (control) {
-        control->setElement(element);
-        control->cacheName(nameRead ? name : UiaHelper::GetControlName(control->element));
-        TOLVA_LOG(logger, 10, "c: " << *control << ", rid: " << key);
-        return control;
-    }
-    auto* made = new UiaControl(element);
-    {
-        std::lock_guard<std::mutex> guard(table().lock);
-        auto inserted = table().byKey.emplace(key, made);
-        if (inserted.second) {
-            table().keyOf[made] = key;
-            control = made;
-        } else {
-            control = inserted.first->second;  // another thread made it meanwhile
+    if (!hit) {
+        auto* made = new UiaControl(element);
+        made->key_ = key;
+        {
+            std::lock_guard<std::mutex> guard(table().lock);
+            auto inserted = table().byKey.emplace(key, made);
+            if (inserted.second) {
+                table().standing.insert(made);
+                TOLVA_LOG(logger, 5, "c: " << *made << ", rid: " << key);
+                return made;
+            }
+            inserted.first->second->addUse();  // another thread made it meanwhile
+            hit = ControlRef(inserted.first->second);
         }
+        made->dropUse();
     }
-    if (control != made) {
-        delete made;
-        control->setElement(element);
-    }
-    TOLVA_LOG(logger, 5, "c: " << *control << ", rid: " << key);
-    return control;
+    // A control found under the key takes the new element. It may have left
+    // the table meanwhile; the use keeps it whole until this is done.
+    hit->setElement(element);
+    hit->cacheName(nameRead ? name : UiaHelper::GetControlName(element));
+    TOLVA_LOG(logger, 10, "c: " << *hit.get() << ", rid: " << key);
+    return hit.get();
 }
 
 bool UiaControl::isValidHandle(std::intptr_t handle) {
@@ -239,13 +290,26 @@ bool UiaControl::isValidHandle(std::intptr_t handle) {
         return false;
     }
     std::lock_guard<std::mutex> guard(table().lock);
-    return table().keyOf.count(reinterpret_cast<const UiaControl*>(handle)) != 0;
+    return table().standing.count(reinterpret_cast<const UiaControl*>(handle)) != 0;
+}
+
+ControlRef UiaControl::acquire(std::intptr_t handle) {
+    if (handle == 0) {
+        return ControlRef();
+    }
+    std::lock_guard<std::mutex> guard(table().lock);
+    auto found = table().standing.find(reinterpret_cast<const UiaControl*>(handle));
+    if (found == table().standing.end()) {
+        return ControlRef();
+    }
+    auto* control = const_cast<UiaControl*>(*found);
+    control->addUse();
+    return ControlRef(control);
 }
 
 std::wstring UiaControl::keyOf(const UiaControl* control) {
     std::lock_guard<std::mutex> guard(table().lock);
-    auto found = table().keyOf.find(control);
-    return found == table().keyOf.end() ? std::wstring() : found->second;
+    return table().standing.count(control) != 0 ? control->key_ : std::wstring();
 }
 
 std::size_t UiaControl::size() {
@@ -257,16 +321,16 @@ void UiaControl::remove(std::intptr_t handle) {
     UiaControl* control = nullptr;
     {
         std::lock_guard<std::mutex> guard(table().lock);
-        auto found = table().keyOf.find(reinterpret_cast<const UiaControl*>(handle));
-        if (found == table().keyOf.end()) {
+        auto found = table().standing.find(reinterpret_cast<const UiaControl*>(handle));
+        if (found == table().standing.end()) {
             return;
         }
-        control = const_cast<UiaControl*>(found->first);
-        table().byKey.erase(found->second);
-        table().keyOf.erase(found);
+        control = const_cast<UiaControl*>(*found);
+        table().byKey.erase(control->key_);
+        table().standing.erase(found);
     }
     TOLVA_LOG(logger, 9, "delete " << *control);
-    delete control;
+    control->dropUse();
 }
 
 void UiaControl::removeControls() {
@@ -277,39 +341,12 @@ void UiaControl::removeControls() {
             all.push_back(entry.second);
         }
         table().byKey.clear();
-        table().keyOf.clear();
+        table().standing.clear();
     }
     TOLVA_LOG(logger, 9, "Deleting " << all.size() << " controls");
     for (UiaControl* control : all) {
-        delete control;
+        control->dropUse();
     }
-}
-
-// Attribute reading and writing and the class names are not part of this
-// build yet.
-std::wstring UiaControl::getClassName(std::intptr_t) {
-    TOLVA_LOG(logger, 3, "Not yet implemented");
-    return std::wstring();
-}
-
-Array<std::wstring> UiaControl::getClassNames(std::intptr_t) {
-    TOLVA_LOG(logger, 3, "Not yet implemented");
-    return Array<std::wstring>();
-}
-
-RECT UiaControl::getBounds(std::intptr_t) {
-    TOLVA_LOG(logger, 3, "Not yet implemented");
-    return RECT{-1, 0, 0, 0};
-}
-
-wchar_t* UiaControl::getAttribute(std::intptr_t, const std::wstring& name) {
-    TOLVA_LOG(logger, 3, "Not yet implemented: " << name);
-    return nullptr;
-}
-
-bool UiaControl::setAttribute(std::intptr_t, const std::wstring& name, const std::wstring&) {
-    TOLVA_LOG(logger, 3, "Not yet implemented: " << name);
-    return false;
 }
 
 }  // namespace tolva

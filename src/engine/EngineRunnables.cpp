@@ -70,20 +70,21 @@ static IUIAutomationElement* NewWindowByTitle(const std::wstring& title, const s
 
 // A store app's frame: the app is the core window among the frame's children.
 static int CoreWindowProcessId(IUIAutomationElement* frame) {
-    UiaControl* control = UiaControl::getControl(frame, std::wstring(), nullptr);
+    ControlRef control =
+        UiaControl::acquire(reinterpret_cast<std::intptr_t>(UiaControl::getControl(frame, std::wstring(), nullptr)));
     if (!control) {
         TOLVA_LOG(titleLogger, 3, "CoreWindow not found");
         return 0;
     }
     int pid = 0;
-    UiaHelper::ElementList children = UiaHelper::GetChildren(control->element);
+    UiaHelper::ElementList children = UiaHelper::GetChildren(control->getElement().get());
     for (IUIAutomationElement* child : children) {
         if (UiaHelper::GetControlClassName(child) == L"Windows.UI.Core.CoreWindow") {
             UiaHelper::GetControlProcessId(child, &pid);  // with more than one, the last wins
         }
     }
     UiaHelper::ReleaseElements(children);
-    UiaControl::remove(reinterpret_cast<std::intptr_t>(control));
+    UiaControl::remove(reinterpret_cast<std::intptr_t>(control.get()));
     if (pid == 0) {
         TOLVA_LOG(titleLogger, 3, "CoreWindow not found");
     }

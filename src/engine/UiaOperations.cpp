@@ -1,9 +1,10 @@
-// The operations that the natives call on the automation back end. Those whose
-// helpers are not part of this build yet (attributes, actions, overlays)
-// report so and give their defaults.
+// The reading operations that the natives call on the automation back end:
+// handle checks, child lists with their omission rules, the flat attribute
+// results, relatives, searches and top-level windows.
 #include "engine/Uia.h"
 
 #include "bridge/Logging.h"
+#include "bridge/NullMarkers.h"
 #include "element/UiaControl.h"
 #include "engine/EngineRunnables.h"
 #include "engine/UiaEventQueue.h"
@@ -11,7 +12,6 @@
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/UiaHelper.h"
 
-#include <regex>
 
 namespace tolva {
 
@@ -19,25 +19,8 @@ namespace {
 
 Logger& logger = Log::getLogger("tolva.Uia");
 
-void notYet(const char* operation) {
-    TOLVA_LOG(logger, 3, "Not yet implemented: " << operation);
-}
-
 UiaControl* controlOf(Handle handle) {
     return reinterpret_cast<UiaControl*>(handle);
-}
-
-// The handles of the controls of these elements, made in order; releases the
-// elements. An element that can't be made a control gives 0.
-Array<Handle> handlesOf(UiaHelper::ElementList& elements, UiaControl* parent) {
-    Array<Handle> handles(static_cast<std::int32_t>(elements.size()));
-    for (std::size_t i = 0; i < elements.size(); ++i) {
-        handles[static_cast<std::int32_t>(i)] =
-            reinterpret_cast<Handle>(UiaControl::getControl(elements[i], std::wstring(), parent));
-        TOLVA_LOG(logger, 9, "c: " << std::hex << handles[static_cast<std::int32_t>(i)]);
-    }
-    UiaHelper::ReleaseElements(elements);
-    return handles;
 }
 
 // An offscreen child is left out when it is an invisible whitespace, or when
@@ -63,6 +46,27 @@ bool omitted(IUIAutomationElement* child) {
     return false;
 }
 
+// A handle as Java reads it in a flat result: the sign-extended value in decimal.
+std::wstring decimalHandle(Handle handle) {
+    return std::to_wstring(static_cast<long long>(handle));
+}
+
+// One entry per name, written from `slot` on: the attribute's text, or
+// NULL_ATTRIBUTE where it has none. A control that couldn't be made (0), or
+// that another thread has removed since, has no attributes.
+void appendAttributes(Handle handle, NameList& names, std::wstring* slot) {
+    ControlRef control = UiaControl::acquire(handle);
+    for (std::int32_t j = 0; j < names.size(); ++j) {
+        wchar_t* value = control && names[j] ? control->getAttribute(names[j]) : nullptr;
+        if (value) {
+            slot[j] = value;
+            delete[] value;
+        } else {
+            slot[j] = NULL_ATTRIBUTE;
+        }
+    }
+}
+
 // The control of an element, or 0; releases the element.
 Handle handleOfElement(IUIAutomationElement* element, const char* what) {
     if (!element) {
@@ -84,10 +88,14 @@ int Uia::checkHandle(Handle handle) {
         TOLVA_LOG(logger, 3, "Invalid handle");
         return 1;
     }
-    UiaControl* control = controlOf(handle);
+    ControlRef control = UiaControl::acquire(handle);
+    if (!control) {
+        return 1;  // removed by another thread since the test above
+    }
+    const ComPtr<IUIAutomationElement> element = control->getElement();
     bool gone = false;
     std::wstring type;
-    HRESULT hr = UiaHelper::GetControlType(control->element, type);
+    HRESULT hr = UiaHelper::GetControlType(element.get(), type);
     if (FAILED(hr)) {
         TOLVA_LOG(logger, 3, "Control does no longer exist (" << std::hex << hr << ")");
         gone = true;
@@ -95,8 +103,8 @@ int Uia::checkHandle(Handle handle) {
         TOLVA_LOG(logger, 3, "Control seems not to exist any longer");
         gone = true;
     }
-    if (!gone && !UiaHelper::IsDesktopElement(control->element)) {
-        IUIAutomationElement* parent = UiaHelper::GetParent(control->element);
+    if (!gone && !UiaHelper::IsDesktopElement(element.get())) {
+        IUIAutomationElement* parent = UiaHelper::GetParent(element.get());
         if (parent) {
             parent->Release();
         } else {
@@ -113,8 +121,7 @@ int Uia::checkHandle(Handle handle) {
 
 Array<Handle> Uia::getChildren(Handle handle) {
     UiaControl* control = controlOf(handle);
-    UiaHelper::ElementList children = UiaHelper::GetChildren(control->element);
-    TOLVA_LOG(logger, 9, "len: " << children.size());
+    UiaHelper::ElementList children = control->getChildren();
     UiaHelper::ElementList kept;
     for (IUIAutomationElement* child : children) {
         if (omitted(child)) {
@@ -123,12 +130,12 @@ Array<Handle> Uia::getChildren(Handle handle) {
             kept.push_back(child);
         }
     }
-    return handlesOf(kept, control);
+    return UiaControl::controlsOf(kept, control);
 }
 
 Handle Uia::getParent(Handle handle) {
     TOLVA_LOG(logger, 7, "handle: " << std::hex << handle);
-    return handleOfElement(UiaHelper::GetParent(controlOf(handle)->element), "p: ");
+    return handleOfElement(controlOf(handle)->getParent(), "p: ");
 }
 
 Handle Uia::getElementFromPoint(int x, int y) {
@@ -137,55 +144,58 @@ Handle Uia::getElementFromPoint(int x, int y) {
 }
 
 Array<Handle> Uia::getToplevels() {
-    TOLVA_LOG(logger, 7, "pid: " << pid << ", via hwnd: " << viaHwnd);
-    UiaHelper::ElementList windows =
-        viaHwnd ? UiaHelper::GetToplevelsForPidViaHWND(pid) : UiaHelper::GetToplevelsForPid(pid);
-    if (Preferences::getInstance().getFlag(PREF_RESTRICT_TOPS_TO_CLASS) && !className.empty()) {
-        const std::wregex pattern(className, std::regex::ECMAScript);
-        for (std::size_t i = 0; i < windows.size();) {
-            const std::wstring windowClass = UiaHelper::GetControlClassName(windows[i]);
-            if (std::regex_match(windowClass, pattern)) {
-                ++i;
-                continue;
-            }
-            TOLVA_LOG(logger, 9, "omit " << windowClass);
-            if (windows[i]) {
-                windows[i]->Release();
-            }
-            windows.erase(windows.begin() + static_cast<std::ptrdiff_t>(i));
-        }
-    }
-    return handlesOf(windows, nullptr);
+    return UiaControl::getToplevels(pid, viaHwnd, className);
 }
 
-Array<Handle> Uia::getElementsByProperty(Handle, const std::wstring&, const std::wstring&) {
-    notYet("getElementsByProperty");
-    return Array<Handle>();
+Array<Handle> Uia::getElementsByProperty(Handle handle, const std::wstring& name, const std::wstring& value) {
+    return controlOf(handle)->getElementsByProperty(name, value);
 }
 
 Array<Handle> Uia::findAllWindows(Handle handle) {
-    UiaHelper::ElementList windows = UiaHelper::FindAllWindows(controlOf(handle)->element);
-    return handlesOf(windows, nullptr);
+    return controlOf(handle)->findAllWindows();
 }
 
-Array<std::wstring> Uia::getChildrenWithAttributes(Handle, NameList&) {
-    notYet("getChildrenWithAttributes");
-    return Array<std::wstring>();
+Array<std::wstring> Uia::getChildrenWithAttributes(Handle handle, NameList& names) {
+    TOLVA_LOG(logger, 7, "handle: " << std::hex << handle);
+    Array<Handle> children = getChildren(handle);
+    const std::int32_t stride = names.size() + 1;
+    Array<std::wstring> flat(children.size() * stride);
+    for (std::int32_t i = 0; i < children.size(); ++i) {
+        flat[i * stride] = decimalHandle(children[i]);
+        appendAttributes(children[i], names, &flat[i * stride + 1]);
+    }
+    return flat;
 }
 
-Array<std::wstring> Uia::getAttributes(Handle, NameList& names) {
-    notYet("getAttributes");
-    return Array<std::wstring>(names.size());
+Array<std::wstring> Uia::getAttributes(Handle handle, NameList& names) {
+    TOLVA_LOG(logger, 7, "handle: " << std::hex << handle);
+    Array<std::wstring> flat(names.size());
+    appendAttributes(handle, names, flat.begin());
+    return flat;
 }
 
-void Uia::getHierarchyWithAttributes(Handle, NameList&, Array<Handle>&, std::vector<std::wstring>&, int) {
-    notYet("getHierarchyWithAttributes");
-}
-
-
-std::int32_t Uia::highlight(Handle, int, int) {
-    notYet("highlight");
-    return 0;
+void Uia::getHierarchyWithAttributes(Handle handle, NameList& names, Array<Handle>& excluded,
+                                     std::vector<std::wstring>& out, int depth) {
+    for (Handle skipped : excluded) {
+        if (skipped == handle) {
+            TOLVA_LOG(logger, 9, std::hex << handle << " excluded");
+            return;
+        }
+    }
+    out.push_back(std::to_wstring(depth));
+    out.push_back(decimalHandle(handle));
+    TOLVA_LOG(logger, 9, depth << ", " << out.back());
+    const std::size_t first = out.size();
+    out.resize(first + static_cast<std::size_t>(names.size()));
+    appendAttributes(handle, names, &out[first]);
+    ControlRef control = UiaControl::acquire(handle);
+    if (!control) {
+        return;  // not a control (any longer): no subtree to list
+    }
+    Array<Handle> children = getChildren(handle);
+    for (Handle child : children) {
+        getHierarchyWithAttributes(child, names, excluded, out, depth + 1);
+    }
 }
 
 std::int32_t Uia::enableEventListeners(std::int32_t mode) {
@@ -196,80 +206,6 @@ std::int32_t Uia::enableEventListeners(std::int32_t mode) {
     UiaEventQueue::getInstance()->invokeNow(new EventHandlerRegistrator(this, mode));
     UiaAutoEventHandler::setListenersMode(mode);
     return mode;
-}
-
-void Uia::enableCheckMode(bool, std::int32_t) {
-    notYet("enableCheckMode");
-}
-
-void Uia::enableRecordingMode(bool, std::int32_t) {
-    notYet("enableRecordingMode");
-}
-
-void Uia::simulateMouseEvent(Handle, int, int, int, int, int, int) {
-    notYet("simulateMouseEvent");
-}
-
-void Uia::simulateKeyStroke(Handle, wchar_t, int, int) {
-    notYet("simulateKeyStroke");
-}
-
-void Uia::setFocus(Handle) {
-    notYet("setFocus");
-}
-
-bool Uia::moveControl(Handle, int, int) {
-    notYet("moveControl");
-    return false;
-}
-
-bool Uia::resizeControl(Handle, int, int) {
-    notYet("resizeControl");
-    return false;
-}
-
-bool Uia::closeControl(Handle) {
-    notYet("closeControl");
-    return false;
-}
-
-bool Uia::bringToFront(Handle) {
-    notYet("bringToFront");
-    return false;
-}
-
-bool Uia::doDefaultAction(Handle) {
-    notYet("doDefaultAction");
-    return false;
-}
-
-bool Uia::invoke(Handle) {
-    notYet("invoke");
-    return false;
-}
-
-void Uia::select(Handle, int) {
-    notYet("select");
-}
-
-bool Uia::toggle(Handle, int) {
-    notYet("toggle");
-    return false;
-}
-
-bool Uia::expand(Handle, int) {
-    notYet("expand");
-    return false;
-}
-
-bool Uia::scroll(Handle, double, double) {
-    notYet("scroll");
-    return false;
-}
-
-int Uia::scrollIntoView(Handle) {
-    notYet("scrollIntoView");
-    return 0;
 }
 
 }  // namespace tolva

@@ -1,5 +1,7 @@
 #include "uiahelper/UiaHelper.h"
 
+#include <oleacc.h>
+
 using tolva::ComPtr;
 
 namespace UiaHelper {
@@ -41,6 +43,50 @@ std::wstring GetAccStateNames(IUIAutomationElement* element) {
         }
     }
     return names;
+}
+
+}  // namespace UiaHelper
+
+namespace UiaHelper {
+
+std::wstring GetAccValue(IUIAutomationElement* element) {
+    ComPtr<IUIAutomationLegacyIAccessiblePattern> legacy;
+    if (FAILED(OpenPattern(element, UIA_LegacyIAccessiblePatternId, legacy)) || !legacy) {
+        return std::wstring();
+    }
+    tolva::Bstr value;
+    if (FAILED(legacy->get_CurrentValue(value.put()))) {
+        return std::wstring();
+    }
+    return value.text();
+}
+
+std::wstring GetAccDescription(IUIAutomationElement* element) {
+    std::wstring description;
+    ComPtr<IUIAutomationLegacyIAccessiblePattern> legacy;
+    if (SUCCEEDED(OpenPattern(element, UIA_LegacyIAccessiblePatternId, legacy)) && legacy) {
+        tolva::Bstr read;
+        if (SUCCEEDED(legacy->get_CurrentDescription(read.put()))) {
+            description = read.text();
+        }
+    }
+    if (!description.empty()) {
+        return description;
+    }
+    // Without a description of its own, the accessible object at the
+    // element's top-left corner may have one.
+    const RECT bounds = GetControlBounds(element);
+    IAccessible* accessible = nullptr;
+    tolva::Variant child;
+    const POINT corner = {bounds.left, bounds.top};
+    if (SUCCEEDED(AccessibleObjectFromPoint(corner, &accessible, child.put())) && accessible) {
+        tolva::Bstr read;
+        if (SUCCEEDED(accessible->get_accDescription(child.get(), read.put()))) {
+            description = read.text();
+        }
+        accessible->Release();
+    }
+    return description;
 }
 
 }  // namespace UiaHelper

@@ -4,9 +4,12 @@
 // non-null entry.
 #pragma once
 
+#include "uiahelper/Actions.h"
 #include "uiahelper/Common.h"
+#include "uiahelper/Input.h"
 #include "uiahelper/Legacy.h"
 #include "uiahelper/Naming.h"
+#include "uiahelper/State.h"
 #include "uiahelper/Surface.h"
 #include "uiahelper/Tree.h"
 

@@ -1,0 +1,115 @@
+// The life of a control inside the driver: the element it holds and its
+// reference counts, handle tests that never touch the value, and a control
+// that a thread is using while another removes it.
+#include "HelperTest.h"
+
+#include "element/UiaControl.h"
+
+#include <random>
+
+using dwtest::ElementRef;
+using tolva::ControlRef;
+using tolva::UiaControl;
+
+namespace {
+
+class ControlLife : public dwtest::HelperTest {
+protected:
+    void TearDown() override {
+        UiaControl::removeControls();
+        HelperTest::TearDown();
+    }
+    // The reference count of an element object, read without changing it.
+    static ULONG countOf(IUIAutomationElement* element) {
+        element->AddRef();
+        return element->Release();
+    }
+    static std::intptr_t handleOf(UiaControl* control) { return reinterpret_cast<std::intptr_t>(control); }
+};
+
+}  // namespace
+
+TEST_F(ControlLife, TheControlHoldsOneReferenceToTheLatestElementObject) {
+    fakeuia::Node& node = window(L"Main");
+    ElementRef first(elementOf(node));
+    ElementRef second(elementOf(node));
+    ASSERT_NE(first.get(), second.get()) << "each read is a new object";
+
+    UiaControl* control = UiaControl::getControl(first.get(), L"", nullptr);
+    ASSERT_NE(nullptr, control);
+    EXPECT_EQ(2u, countOf(first.get())) << "ours and the control's";
+    EXPECT_EQ(control, UiaControl::getControl(first.get(), L"", nullptr));
+    EXPECT_EQ(2u, countOf(first.get())) << "the same object again changes no count";
+
+    EXPECT_EQ(control, UiaControl::getControl(second.get(), L"", nullptr)) << "one widget, one control";
+    EXPECT_EQ(1u, countOf(first.get())) << "the old object was given up";
+    EXPECT_EQ(2u, countOf(second.get()));
+    EXPECT_EQ(second.get(), control->getElement().get());
+
+    control->setElement(nullptr);
+    EXPECT_TRUE(logged(3, "No element"));
+    EXPECT_EQ(2u, countOf(second.get())) << "a null element changes nothing";
+}
+
+TEST_F(ControlLife, HandleTestsNeverTouchTheValue) {
+    // Memory that faults on any access: a test that read behind the value
+    // would crash here.
+    void* noAccess = VirtualAlloc(nullptr, 0x10000, MEM_RESERVE | MEM_COMMIT, PAGE_NOACCESS);
+    ASSERT_NE(nullptr, noAccess);
+    const auto guarded = reinterpret_cast<std::intptr_t>(noAccess);
+    std::mt19937 random(20261123);
+    std::vector<std::intptr_t> values = {0, 1, -1, guarded, guarded + 0x100, static_cast<std::intptr_t>(0x7FFFFFFF)};
+    for (int i = 0; i < 1000; ++i) {
+        values.push_back(static_cast<std::intptr_t>(random()));
+    }
+    fakeuia::Node& node = window(L"Main");
+    ElementRef element(elementOf(node));
+    UiaControl* control = UiaControl::getControl(element.get(), L"", nullptr);
+    const std::size_t lines = logText().size();
+    for (std::intptr_t value : values) {
+        if (value == handleOf(control)) continue;
+        EXPECT_FALSE(UiaControl::isValidHandle(value)) << value;
+        EXPECT_FALSE(UiaControl::acquire(value)) << value;
+        UiaControl::remove(value);
+    }
+    EXPECT_EQ(lines, logText().size()) << "removing what isn't there logs nothing";
+    EXPECT_TRUE(UiaControl::isValidHandle(handleOf(control)));
+
+    UiaControl::remove(handleOf(control));
+    EXPECT_TRUE(logged(9, "delete Window@"));
+    EXPECT_FALSE(UiaControl::isValidHandle(handleOf(control))) << "a freed control";
+    EXPECT_EQ(1u, [&] { return countOf(element.get()); }()) << "the control gave its element back";
+    VirtualFree(noAccess, 0, MEM_RELEASE);
+}
+
+TEST_F(ControlLife, AControlInUseOutlivesItsRemoval) {
+    fakeuia::Node& node = window(L"Main");
+    ElementRef element(elementOf(node));
+    UiaControl* control = UiaControl::getControl(element.get(), L"", nullptr);
+    ControlRef use = UiaControl::acquire(handleOf(control));
+    ASSERT_TRUE(use);
+    EXPECT_EQ(1u, UiaControl::size());
+
+    UiaControl::removeControls();
+    EXPECT_TRUE(logged(9, "Deleting 1 controls"));
+    EXPECT_FALSE(UiaControl::isValidHandle(handleOf(control))) << "gone from the table at once";
+    EXPECT_EQ(2u, countOf(element.get())) << "but still whole while in use";
+    EXPECT_EQ(L"Window", use->type);
+    EXPECT_EQ(element.get(), use->getElement().get());
+    use.reset();
+    EXPECT_EQ(1u, countOf(element.get())) << "deleted with the last use";
+
+    UiaControl::removeControls();
+    EXPECT_TRUE(logged(9, "Deleting 0 controls"));
+    EXPECT_EQ(0u, UiaControl::size());
+}
+
+TEST_F(ControlLife, ATypeGivenByTheCallerMakesTheKeyButNotTheField) {
+    fakeuia::Node& node = window(L"Main");
+    ElementRef element(elementOf(node));
+    UiaControl* control = UiaControl::getControl(element.get(), L"Pane", nullptr);
+    ASSERT_NE(nullptr, control);
+    EXPECT_EQ(0u, UiaControl::keyOf(control).find(L"Pane_")) << "the key has the type that was given";
+    EXPECT_EQ(L"Window", control->type) << "the field has the type that was read";
+    EXPECT_NE(control, UiaControl::getControl(element.get(), L"", nullptr)) << "another type, another key";
+}
