@@ -16,9 +16,7 @@ class Attributes : public DriverTest {
 protected:
     void SetUp() override {
         DriverTest::SetUp();
-        top = &addOwnWindow(L"Target");
-        ASSERT_NE(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId()), 1000));
-        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000));
+        top = &attachToOwnWindow(L"Target");
         auto tops = host->longs(native<jlongArray>("GetToplevels"));
         ASSERT_EQ(1u, tops.size());
         topHandle = tops[0];
@@ -35,16 +33,6 @@ protected:
         spec.controlType = type;
         spec.name = name;
         return child(spec);
-    }
-    // The handle of a child of the top window, found through GetChildren.
-    jlong handleOf(fakeuia::Node& node) {
-        auto kids = host->longs(native<jlongArray>("GetChildren", topHandle));
-        auto nodes = top->children();
-        for (size_t i = 0; i < nodes.size() && i < kids.size(); ++i) {
-            if (nodes[i] == &node) return kids[i];
-        }
-        ADD_FAILURE() << "no handle for the node";
-        return 0;
     }
     std::optional<std::wstring> attr(jlong handle, const std::wstring& name) {
         jstring value = native<jstring>("GetAttribute", handle, host->str(name));
@@ -71,9 +59,6 @@ protected:
                                                    host->longArray(excluded));
         EXPECT_FALSE(host->isNull(result));
         return host->strings(result);
-    }
-    void setPreference(const wchar_t* key, const wchar_t* value) {
-        native<void>("SetPreference", host->str(key), host->str(value));
     }
     static std::wstring decimal(jlong handle) { return std::to_wstring(handle); }
 

@@ -91,9 +91,7 @@ class Actions : public DriverTest {
 protected:
     void SetUp() override {
         DriverTest::SetUp();
-        top = &addOwnWindow(L"Target");
-        ASSERT_NE(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId()), 1000));
-        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000));
+        top = &attachToOwnWindow(L"Target");
     }
     void TearDown() override {
         for (HWND window : windows) {
@@ -103,31 +101,6 @@ protected:
     }
 
     std::vector<jlong> children(jlong handle) { return host->longs(native<jlongArray>("GetChildren", handle)); }
-    jlong desktopHandle() {
-        std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
-        EXPECT_FALSE(tops.empty());
-        return tops.empty() ? 0 : native<jlong>("GetParent", tops[0]);
-    }
-    // The handle of a node, found as Java finds it: from the desktop down
-    // through the child lists.
-    jlong handleOf(fakeuia::Node& node) {
-        if (node.isRoot()) {
-            return desktopHandle();
-        }
-        const jlong parent = handleOf(*node.parent());
-        const std::vector<fakeuia::Node*> siblings = node.parent()->children();
-        const std::vector<jlong> handles = children(parent);
-        for (size_t i = 0; i < siblings.size() && i < handles.size(); ++i) {
-            if (siblings[i] == &node) {
-                return handles[i];
-            }
-        }
-        ADD_FAILURE() << "no handle for a node";
-        return 0;
-    }
-    void setPreference(const std::wstring& key, const std::wstring& value) {
-        native<void>("SetPreference", host->str(key), host->str(value));
-    }
     // The message of the pending InvalidHandleException, cleared; "" if none.
     std::string thrown() {
         auto exception = host->takeException();
@@ -374,7 +347,7 @@ TEST_F(Actions, ACoreWindowWithoutATopElementClosesItself) {
     // The desktop has no top-level parent.
     platform->desktop().update([](fakeuia::NodeSpec& spec) { spec.className = CORE_WINDOW; });
     auto desktopWindow = fakeuia::attach<fakeuia::WindowSource>(platform->desktop());
-    EXPECT_EQ(JNI_TRUE, native<jboolean>("Close", desktopHandle()));
+    EXPECT_EQ(JNI_TRUE, native<jboolean>("Close", handleOf(platform->desktop())));
     EXPECT_EQ(1, desktopWindow->closeCalls);
     EXPECT_FALSE(LogFile::contains("Close top: "));
 
@@ -431,7 +404,7 @@ TEST_F(Actions, FrontViaFocusFocusesTheTopElementOnlyForExactlyTrue) {
     // The desktop has no top element: the window path, which never gives the
     // desktop's own handle.
     setPreference(FRONT_VIA_FOCUS, L"true");
-    EXPECT_EQ(JNI_FALSE, native<jboolean>("BringToFront", desktopHandle()));
+    EXPECT_EQ(JNI_FALSE, native<jboolean>("BringToFront", handleOf(platform->desktop())));
     EXPECT_EQ(3u, countOf("tolva.uia.UiaHelper", "BringToFront()", "top: "));
     EXPECT_EQ(0, platform->desktop().setFocusCalls());
     EXPECT_EQ("", thrown());

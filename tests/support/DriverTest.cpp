@@ -81,4 +81,32 @@ fakeuia::Node& DriverTest::addOwnWindow(const std::wstring& name) {
     return platform->desktop().add(spec);
 }
 
+fakeuia::Node& DriverTest::attachToOwnWindow(const std::wstring& name) {
+    fakeuia::Node& window = addOwnWindow(name);
+    EXPECT_NE(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId()), 1000));
+    EXPECT_TRUE(host->waitForCalls("filterEvent", 1, 5000)) << "no onConnect";
+    return window;
+}
+
+jlong DriverTest::handleOf(fakeuia::Node& node) {
+    if (node.isRoot()) {
+        std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
+        EXPECT_FALSE(tops.empty());
+        return tops.empty() ? 0 : native<jlong>("GetParent", tops[0]);
+    }
+    const std::vector<fakeuia::Node*> siblings = node.parent()->children();
+    const std::vector<jlong> handles = host->longs(native<jlongArray>("GetChildren", handleOf(*node.parent())));
+    for (size_t i = 0; i < siblings.size() && i < handles.size(); ++i) {
+        if (siblings[i] == &node) {
+            return handles[i];
+        }
+    }
+    ADD_FAILURE() << "no handle for a node";
+    return 0;
+}
+
+void DriverTest::setPreference(const std::wstring& key, const std::wstring& value) {
+    native<void>("SetPreference", host->str(key), host->str(value));
+}
+
 }  // namespace dwtest

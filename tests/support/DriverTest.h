@@ -41,6 +41,12 @@ protected:
     bool waitForReleases(unsigned timeoutMs);
     // A top-level window of this test process on the simulated desktop.
     fakeuia::Node& addOwnWindow(const std::wstring& name);
+    // Such a window, with the driver attached to this process and connected.
+    fakeuia::Node& attachToOwnWindow(const std::wstring& name);
+    // The handle of a node, found as Java finds it: the desktop as the parent
+    // of a top-level window, then down through the child lists.
+    jlong handleOf(fakeuia::Node& node);
+    void setPreference(const std::wstring& key, const std::wstring& value);
 
     std::unique_ptr<jnihost::JavaHost> host;
     std::unique_ptr<fakeuia::Platform> platform;
