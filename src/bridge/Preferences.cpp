@@ -48,9 +48,12 @@ Preferences& Preferences::getInstance() {
 
 std::wstring Preferences::getPreference(const std::wstring& key) {
     TOLVA_LOG(logger, 9, "key: " << key);
-    auto found = store_.find(key);
-    if (found != store_.end()) {
-        return found->second;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        auto found = store_.find(key);
+        if (found != store_.end()) {
+            return found->second;
+        }
     }
     for (const Default& entry : defaults) {
         if (key == *entry.key) {
@@ -62,13 +65,21 @@ std::wstring Preferences::getPreference(const std::wstring& key) {
 
 void Preferences::setPreference(const std::wstring& key, const std::wstring& value) {
     TOLVA_LOG(logger, 9, "pref: " << key << " value: " << value);
+    std::size_t size = 0;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (value == NULL_JAVA_STRING) {
+            store_.erase(key);
+        } else {
+            store_[key] = value;
+            size = store_.size();
+        }
+    }
     if (value == NULL_JAVA_STRING) {
-        store_.erase(key);
         TOLVA_LOG(logger, 9, "erasing pref from store");
         return;
     }
-    store_[key] = value;
-    TOLVA_LOG(logger, 9, "saving new value of pref. store size: " << store_.size());
+    TOLVA_LOG(logger, 9, "saving new value of pref. store size: " << size);
 }
 
 int Preferences::getInt(const std::wstring& key) {

@@ -1,9 +1,12 @@
 // The preference store: tuning switches that Java sets by key at run time and
 // native code reads at the moment it needs one. Values are text; the store
-// doesn't know its keys, and an unknown key is kept like any other.
+// doesn't know its keys, and an unknown key is kept like any other. Java
+// threads and the dispatch thread use it at once: a lock of its own guards
+// the map, held only for the look-up or the change.
 #pragma once
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -42,6 +45,7 @@ public:
 
 private:
     Preferences() = default;
+    std::mutex lock_;
     std::map<std::wstring, std::wstring> store_;
 };
 

@@ -1,6 +1,7 @@
 // Several Java threads read one tree through the natives while the dispatch
-// thread makes and drops controls of the same elements, and one of the Java
-// threads now and then releases every control. Nothing may crash, no handle
+// thread makes and drops controls of the same elements, one of the Java
+// threads now and then releases every control, and another changes
+// preferences. Nothing may crash, no handle
 // may stand for another element than the one it names, and everything the
 // driver was given must be released at the end.
 //
@@ -52,7 +53,7 @@ struct Findings {
 std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
 // On the dispatch thread: reads the target's windows and their children and
-// makes controls of them, then drops one of them again.
+// makes controls of them; every fourth round drops one of them again.
 class ControlMaker : public tolva::Runnable {
 public:
     ControlMaker(int pid, const std::map<std::wstring, std::wstring>* keys, Findings* findings,
@@ -78,7 +79,7 @@ public:
             UiaHelper::ReleaseElements(children);
         }
         UiaHelper::ReleaseElements(tops);
-        if (!made.empty()) {
+        if (!made.empty() && round_ % 4 == 0) {
             ++*removals_;  // before and after: a reader sees any removal that overlaps its reads
             tolva::UiaControl::remove(reinterpret_cast<std::intptr_t>(made[static_cast<size_t>(round_) % made.size()]));
             ++*removals_;
@@ -134,6 +135,8 @@ protected:
         fakeuia::Node& top = platform->desktop().add(window);
         const std::wstring topKey = L"Window_2a.100";
         keys[L"Target"] = topKey;
+        keys[L"Desktop"] = L"Pane_2a.10010";
+        parents[L"Target"] = L"Desktop";
         for (int g = 0; g < 12; ++g) {
             fakeuia::NodeSpec group;
             group.controlType = UIA_GroupControlTypeId;
@@ -190,6 +193,11 @@ protected:
             if (!thrown() && children) flat = host->strings(children);
             for (size_t i = 0; i + 2 < flat.size(); i += 3) {
                 check(flat[i + 1], flat[i + 2], "children of the window");
+                // Parents are checked only where no control left the table
+                // since the item's handle was handed out: a removed control's
+                // address may be taken by a new control of another element,
+                // which is allowed.
+                const int removalsBefore = removals.load();
                 jlongArray itemArray = NATIVE(GetChildren)(threadEnv, self, std::stoll(flat[i].value_or(L"0")));
                 if (thrown()) continue;
                 for (jlong item : host->longs(itemArray)) {
@@ -202,10 +210,6 @@ protected:
                         continue;
                     }
                     check(values[0], values[1], "an item");
-                    // A parent is checked only when no control left the table
-                    // meanwhile: a removed control's address may be taken by a
-                    // new control of another element, which is allowed.
-                    const int removalsBefore = removals.load();
                     const jlong parent = NATIVE(GetParent)(threadEnv, self, item);
                     if (thrown() || parent == 0 || !values[0]) continue;
                     jobjectArray parentArray = NATIVE(GetAttributes)(threadEnv, self, parent, names);
@@ -218,6 +222,11 @@ protected:
                         findings.add("parent of " + narrow(*values[0]) + " is " + narrow(*parentValues[0]));
                     }
                 }
+            }
+            if (index == 1) {
+                // Preferences change while the others read them for every key.
+                NATIVE(SetPreference)(threadEnv, self, host->str(L"deskwright.stress.round"),
+                                      round % 2 ? host->str(std::to_wstring(round)) : nullptr);
             }
             if (index == 0 && round % 3 == 2) {
                 ++removals;
