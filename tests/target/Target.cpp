@@ -1,5 +1,5 @@
 // A small target application for the driver's tests: one top-level window per
-// title given on the command line, a message loop, and an end when all its
+// title given on the command line (hidden ones after "--hidden"), a message loop, and an end when all its
 // windows are closed or it is killed. It writes its process id and each
 // window's handle to standard output, one per line, once they exist.
 #include <windows.h>
@@ -28,8 +28,10 @@ int wmain(int argc, wchar_t** argv) {
     RegisterClassW(&windowClass);
 
     std::printf("pid %lu\n", GetCurrentProcessId());
-    for (int i = 1; i < argc; ++i) {
-        HWND window = CreateWindowExW(0, L"DeskwrightTarget", argv[i], WS_OVERLAPPEDWINDOW | WS_VISIBLE,
+    // "--hidden" first: the windows exist but aren't shown.
+    const bool hidden = argc > 1 && std::wcscmp(argv[1], L"--hidden") == 0;
+    for (int i = hidden ? 2 : 1; i < argc; ++i) {
+        HWND window = CreateWindowExW(0, L"DeskwrightTarget", argv[i], WS_OVERLAPPEDWINDOW | (hidden ? 0 : WS_VISIBLE),
                                       40 * i, 40 * i, 320, 200, nullptr, nullptr, GetModuleHandleW(nullptr), nullptr);
         if (window) {
             ++openWindows;

@@ -3,7 +3,7 @@
 # on an Xvfb display and in a Wine prefix of that suite's own, both in /tmp.
 #
 #   suite.sh setup BITS [EXE]    start the display and make a fresh prefix
-#                                (EXE: a program that shows a window, for a warm-up)
+#                                (EXE: the test target, kept running hidden)
 #   suite.sh run BITS EXE ARGS   run one test executable
 #   suite.sh cleanup BITS        stop Wine and the display
 set -u
@@ -35,12 +35,13 @@ setup)
   wineserver -p </dev/null >/dev/null 2>&1
   wine cmd /c exit </dev/null >/dev/null 2>&1
   # Likewise the desktop process that the first window of the prefix brings
-  # up: a program with a window (suite.sh setup BITS EXE) starts it now.
+  # up, and that ends again soon after the last window process has: a
+  # program with a hidden window (suite.sh setup BITS EXE) starts it now and
+  # keeps it for the whole suite; cleanup ends both.
   if [ -n "${1:-}" ]; then
-    wine "$1" warm-up </dev/null >"$state/warm-up.log" 2>&1 &
-    warm=$!
-    for _ in $(seq 200); do grep -q '^window' "$state/warm-up.log" && break; sleep 0.1; done
-    kill "$warm" 2>/dev/null; wait "$warm" 2>/dev/null
+    wine "$1" --hidden keep-alive </dev/null >"$state/keep-alive.log" 2>&1 &
+    echo $! >"$state/keep-alive.pid"
+    for _ in $(seq 200); do grep -q '^window' "$state/keep-alive.log" && break; sleep 0.1; done
   fi
   echo "wine prefix $WINEPREFIX on display $DISPLAY"
   ;;
@@ -49,6 +50,7 @@ run)
   exec wine "$exe" "$@"
   ;;
 cleanup)
+  [ -f "$state/keep-alive.pid" ] && kill "$(cat "$state/keep-alive.pid")" 2>/dev/null
   wineserver -k 2>/dev/null
   [ -f "$state/xvfb.pid" ] && kill "$(cat "$state/xvfb.pid")" 2>/dev/null
   rm -rf "$state"
