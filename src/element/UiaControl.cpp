@@ -200,7 +200,11 @@ std::wstring UiaControl::noIdKeyPart(IUIAutomationElement* element, const std::w
             id += LocationText(bounds, parentElement.get());
         }
     }
-    UiaControl* parentControl = parent ? parent : getControl(parentElement.get(), std::wstring(), nullptr);
+    ControlRef parentInUse;
+    if (!parent) {
+        parentInUse = getControlInUse(parentElement.get(), std::wstring(), nullptr);
+    }
+    UiaControl* parentControl = parent ? parent : parentInUse.get();
     if (parentControl) {
         // The key the parent control was made under: a control that another
         // thread has taken out of the table meanwhile still knows it.
@@ -243,6 +247,10 @@ std::wstring UiaControl::buildKey(IUIAutomationElement* element, std::wstring& t
 }
 
 UiaControl* UiaControl::getControl(IUIAutomationElement* element, std::wstring type, UiaControl* parent) {
+    return getControlInUse(element, std::move(type), parent).get();
+}
+
+ControlRef UiaControl::getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent) {
     TOLVA_LOG(logger, 7, "el: " << static_cast<void*>(element) << ", type: " << type
                                 << ", p: " << static_cast<void*>(parent));
     std::wstring name;
@@ -250,7 +258,7 @@ UiaControl* UiaControl::getControl(IUIAutomationElement* element, std::wstring t
     bool found = false;
     const std::wstring key = buildKey(element, type, parent, name, nameRead, found);
     if (!found) {
-        return nullptr;
+        return ControlRef();
     }
     ControlRef hit;
     {
@@ -269,8 +277,9 @@ UiaControl* UiaControl::getControl(IUIAutomationElement* element, std::wstring t
             auto inserted = table().byKey.emplace(key, made);
             if (inserted.second) {
                 table().standing.insert(made);
+                made->addUse();
                 TOLVA_LOG(logger, 5, "c: " << *made << ", rid: " << key);
-                return made;
+                return ControlRef(made);
             }
             inserted.first->second->addUse();  // another thread made it meanwhile
             hit = ControlRef(inserted.first->second);
@@ -282,7 +291,7 @@ UiaControl* UiaControl::getControl(IUIAutomationElement* element, std::wstring t
     hit->setElement(element);
     hit->cacheName(nameRead ? name : UiaHelper::GetControlName(element));
     TOLVA_LOG(logger, 10, "c: " << *hit.get() << ", rid: " << key);
-    return hit.get();
+    return hit;
 }
 
 bool UiaControl::isValidHandle(std::intptr_t handle) {

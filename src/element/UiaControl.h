@@ -59,6 +59,9 @@ public:
     // The control of an element, found by its key or made; the caller keeps
     // its own reference. Null if no type can be found for the element.
     static UiaControl* getControl(IUIAutomationElement* element, std::wstring type, UiaControl* parent);
+    // The same, with a use of the control for the caller: a control that
+    // another thread may remove at once stays whole while the use is held.
+    static ControlRef getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent);
     static bool isValidHandle(std::intptr_t handle);  // never touches the value
     // A use of the control behind a handle, or an empty one; never touches
     // the value unless it stands in the table.

@@ -70,8 +70,7 @@ static IUIAutomationElement* NewWindowByTitle(const std::wstring& title, const s
 
 // A store app's frame: the app is the core window among the frame's children.
 static int CoreWindowProcessId(IUIAutomationElement* frame) {
-    ControlRef control =
-        UiaControl::acquire(reinterpret_cast<std::intptr_t>(UiaControl::getControl(frame, std::wstring(), nullptr)));
+    ControlRef control = UiaControl::getControlInUse(frame, std::wstring(), nullptr);
     if (!control) {
         TOLVA_LOG(titleLogger, 3, "CoreWindow not found");
         return 0;
