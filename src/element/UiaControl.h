@@ -63,6 +63,9 @@ public:
     // another thread may remove at once stays whole while the use is held.
     static ControlRef getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent);
     static bool isValidHandle(std::intptr_t handle);  // never touches the value
+    // The control behind a handle whose use the caller holds (a native after
+    // its handle check, or a runner it waits for).
+    static UiaControl* fromHandle(std::intptr_t handle) { return reinterpret_cast<UiaControl*>(handle); }
     // A use of the control behind a handle, or an empty one; never touches
     // the value unless it stands in the table.
     static ControlRef acquire(std::intptr_t handle);

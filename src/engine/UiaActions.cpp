@@ -31,14 +31,10 @@ const unsigned OVERLAY_STACK_SIZE = 0x10000;
 const int QUIT_ATTEMPTS = 20;
 const DWORD QUIT_RETRY_MS = 10;
 
-UiaControl* controlOf(Handle handle) {
-    return reinterpret_cast<UiaControl*>(handle);
-}
-
 // The control's current element, with a reference of the caller's own for
 // the length of the call it is passed to.
 ComPtr<IUIAutomationElement> elementOf(Handle handle) {
-    return controlOf(handle)->getElement();
+    return UiaControl::fromHandle(handle)->getElement();
 }
 
 // Invokes a control; made on the stack and called directly.
@@ -78,14 +74,19 @@ private:
 // Items of a menu bar, and of a WPF menu, which lives in the window itself,
 // may. The parent becomes a control of the table on the way.
 bool bringsToFront(Uia& uia, Handle handle) {
-    if (controlOf(handle)->type != L"MenuItem") {
+    if (UiaControl::fromHandle(handle)->type != L"MenuItem") {
         return true;
     }
     const Handle parent = uia.getParent(handle);
     if (parent == 0) {
         return true;
     }
-    UiaControl* menu = controlOf(parent);
+    // Made by another call than this native's check: held here, as another
+    // thread may remove it at once.
+    ControlRef menu = UiaControl::acquire(parent);
+    if (!menu) {
+        return true;
+    }
     if (menu->type == L"MenuBar") {
         return true;
     }

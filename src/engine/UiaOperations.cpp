@@ -19,10 +19,6 @@ namespace {
 
 Logger& logger = Log::getLogger("tolva.Uia");
 
-UiaControl* controlOf(Handle handle) {
-    return reinterpret_cast<UiaControl*>(handle);
-}
-
 // An offscreen child is left out when it is an invisible whitespace, or when
 // its MSAA states hold one of the listed words.
 bool omitted(IUIAutomationElement* child) {
@@ -120,7 +116,7 @@ int Uia::checkHandle(Handle handle) {
 }
 
 Array<Handle> Uia::getChildren(Handle handle) {
-    UiaControl* control = controlOf(handle);
+    UiaControl* control = UiaControl::fromHandle(handle);
     UiaHelper::ElementList children = control->getChildren();
     UiaHelper::ElementList kept;
     for (IUIAutomationElement* child : children) {
@@ -135,7 +131,7 @@ Array<Handle> Uia::getChildren(Handle handle) {
 
 Handle Uia::getParent(Handle handle) {
     TOLVA_LOG(logger, 7, "handle: " << std::hex << handle);
-    return handleOfElement(controlOf(handle)->getParent(), "p: ");
+    return handleOfElement(UiaControl::fromHandle(handle)->getParent(), "p: ");
 }
 
 Handle Uia::getElementFromPoint(int x, int y) {
@@ -148,11 +144,11 @@ Array<Handle> Uia::getToplevels() {
 }
 
 Array<Handle> Uia::getElementsByProperty(Handle handle, const std::wstring& name, const std::wstring& value) {
-    return controlOf(handle)->getElementsByProperty(name, value);
+    return UiaControl::fromHandle(handle)->getElementsByProperty(name, value);
 }
 
 Array<Handle> Uia::findAllWindows(Handle handle) {
-    return controlOf(handle)->findAllWindows();
+    return UiaControl::fromHandle(handle)->findAllWindows();
 }
 
 Array<std::wstring> Uia::getChildrenWithAttributes(Handle handle, NameList& names) {

@@ -18,7 +18,7 @@ std::int32_t HighlightRunner::operator()() {
         StopHighlight();
         return 0;
     }
-    UiaControl* control = reinterpret_cast<UiaControl*>(control_);
+    UiaControl* control = UiaControl::fromHandle(control_);
     if (!UiaHelper::IsForeground(control->getElement().get())) {
         // Hidden behind another window: an earlier highlight stays as it is.
         TOLVA_LOG(logger, 9, "not in the foreground");

@@ -22,14 +22,16 @@ const RECT FAILED_BOUNDS = {-1, 0, 0, 0};
 const DWORD MESSAGE_TIMEOUT_MS = 2000;
 const int TITLEBARINFOEX_SIZE = 0x8C;
 
-// A text of exactly the limit may have been cut: the window's own text
-// replaces it when that is longer.
+}  // namespace
+
 void ImproveLongText(IUIAutomationElement* element, std::wstring& text) {
     std::wstring windowText = GetTextViaHWND(element);
     if (static_cast<int>(windowText.size()) > LONG_TEXT_LIMIT) {
         text = windowText;
     }
 }
+
+namespace {
 
 std::wstring HexJoined(SAFEARRAY* ids, HRESULT& hr) {
     std::wstring text;

@@ -34,5 +34,8 @@ std::wstring GetTitleBarButtonName(IUIAutomationElement* element);
 // The text of the element's window, read with window messages.
 std::wstring GetTextViaHWND(IUIAutomationElement* element);
 std::wstring GetWindowTextViaMessage(HWND window);
+// A text of exactly LONG_TEXT_LIMIT characters may have been cut: the
+// element's window text replaces it when that is longer.
+void ImproveLongText(IUIAutomationElement* element, std::wstring& text);
 
 }  // namespace UiaHelper

@@ -160,10 +160,7 @@ std::wstring GetControlText(IUIAutomationElement* element) {
             if (SUCCEEDED(range->GetText(-1, read.put())) && read.get()) {
                 text = read.text();
                 if (static_cast<int>(text.size()) == LONG_TEXT_LIMIT) {
-                    std::wstring windowText = GetTextViaHWND(element);
-                    if (static_cast<int>(windowText.size()) > LONG_TEXT_LIMIT) {
-                        text = windowText;
-                    }
+                    ImproveLongText(element, text);
                 }
             }
         }
