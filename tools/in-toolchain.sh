@@ -1,16 +1,27 @@
 #!/usr/bin/env bash
-# Runs a command inside the deskwright toolchain root (see toolchain.sh), with
-# the repository mounted at /src and a fresh tmpfs on /tmp. Every mount lives
-# in a private mount namespace, so nothing outlives the command.
+# Runs a command inside one of the deskwright toolchain roots (see
+# toolchain.sh), with the repository mounted at /src and a fresh tmpfs on
+# /tmp. Every mount lives in a private mount namespace, so nothing outlives
+# the command.
 #
-#   tools/in-toolchain.sh CMD [ARGS...]     (cwd inside: the same path below /src)
+#   tools/in-toolchain.sh amd64 CMD [ARGS...]   the build root (builds, the
+#                                                64-bit tests)
+#   tools/in-toolchain.sh i386 CMD [ARGS...]    the 32-bit runtime root (the
+#                                                32-bit tests only)
+#
+# The working directory inside is the caller's place below /src. Both roots
+# see the repository, and so the build trees, at the same path.
 set -euo pipefail
 
-ROOT=${DESKWRIGHT_TOOLCHAIN:-/opt/deskwright-toolchain}
+BASE=${DESKWRIGHT_TOOLCHAIN:-/opt/deskwright-toolchain}
 REPO=$(cd "$(dirname "$0")/.." && pwd)
 
+case "${1:-}" in
+  amd64|i386) ROOT=$BASE/$1; shift ;;
+  *) echo "usage: in-toolchain.sh amd64|i386 [CMD ARGS...]" >&2; exit 2 ;;
+esac
 if [ ! -f "$ROOT/.deskwright-toolchain" ]; then
-  echo "[in-toolchain] no toolchain at $ROOT; run tools/toolchain.sh first" >&2
+  echo "[in-toolchain] no toolchain root at $ROOT; run tools/toolchain.sh first" >&2
   exit 1
 fi
 [ $# -gt 0 ] || set -- bash
@@ -30,6 +41,6 @@ exec unshare --mount --propagation private -- bash -c '
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
     HOME=/tmp/home LANG=C.UTF-8 TERM="${TERM:-dumb}" \
     CI="${CI:-}" DESKWRIGHT_IN_TOOLCHAIN=1 DESKWRIGHT_BUILD_DIR="${DESKWRIGHT_BUILD_DIR:-}" \
-    DESKWRIGHT_DISPLAY="${DESKWRIGHT_DISPLAY:-}" \
+    DESKWRIGHT_DISPLAY="${DESKWRIGHT_DISPLAY:-}" CTEST_ARGS="${CTEST_ARGS:-}" \
     bash -c "mkdir -p /tmp/home && cd /src/$rel && exec \"\$@\"" _ "$@"
 ' _ "$ROOT" "$REPO" "$rel" "$@"
