@@ -16,14 +16,18 @@ bits_list=$(bits_of "${1:-all}") || exit 2
 tools/toolchain.sh || exit 1
 
 echo "== build $bits_list"
+start=$SECONDS
 if ! tools/in-toolchain.sh amd64 tools/build.sh "${1:-all}"; then
   echo "build failed"; exit 1
 fi
+echo "== built in $((SECONDS - start)) s"
 
 passed=0 failed=0 skipped=0 status=0
 for bits in $bits_list; do
   echo "== tests $bits-bit ($(root_of "$bits") root)"
+  start=$SECONDS
   tools/in-toolchain.sh "$(root_of "$bits")" tools/inside/test.sh "$bits" || status=1
+  echo "== $bits-bit suite ran in $((SECONDS - start)) s"
   log=$(build_dir "$bits")/ctest.log
   summary=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" 2>/dev/null | tail -n 1)
   if [ -z "$summary" ]; then
