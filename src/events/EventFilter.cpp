@@ -3,6 +3,7 @@
 #include "bridge/Logging.h"
 #include "events/WinClientEvent.h"
 
+#include <cstdarg>
 #include <unordered_map>
 
 namespace tolva {
@@ -14,13 +15,41 @@ Logger& logger = Log::getLogger("tolva.EventFilter");
 const char* const EVENT_PACKAGE = "net.tolva.apps.cuebench.client.win.deskwright.event.";
 const char* const FILTER_SIGNATURE = "(Lnet/tolva/apps/cuebench/client/win/deskwright/event/WinEvent;)Z";
 const jint JNI_VERSION = 0x00010004;
+// Local references one call into Java needs at most, besides the labels of a
+// context check, which are freed one by one.
+const jint LOCAL_CAPACITY = 16;
 
-// Dotted class name to class. Only the attached thread uses it; its values are
-// local references of that thread, which stays in native code for its life.
+// Dotted class name to a global reference of the class, null for a class that
+// can't be had. Only the attached thread uses it, and it is forgotten when
+// that thread detaches.
 std::unordered_map<std::string, jclass>& classCache() {
     static std::unordered_map<std::string, jclass> cache;
     return cache;
 }
+
+// A local frame of the attached thread: the local references made while it
+// stands are freed when it ends, so that a long recording doesn't grow the VM.
+class LocalFrame {
+public:
+    explicit LocalFrame(JNIEnv* env) : env_(env), pushed_(env->PushLocalFrame(LOCAL_CAPACITY) == JNI_OK) {
+        if (!pushed_) {
+            env_->ExceptionClear();  // the VM's OutOfMemoryError
+            TOLVA_LOG(logger, 1, "No local frame");
+        }
+    }
+    ~LocalFrame() {
+        if (pushed_) {
+            env_->PopLocalFrame(nullptr);
+        }
+    }
+    LocalFrame(const LocalFrame&) = delete;
+    LocalFrame& operator=(const LocalFrame&) = delete;
+    explicit operator bool() const { return pushed_; }
+
+private:
+    JNIEnv* env_;
+    bool pushed_;
+};
 
 std::string eventClass(const char* simpleName) {
     return std::string(EVENT_PACKAGE) + simpleName;
@@ -43,11 +72,21 @@ void EventFilter::setJavaCallbackObject(JNIEnv* env, jobject callback) {
     TOLVA_LOG(logger, 7, "env: " << env << ", cb:" << callback);
     if (callback_) {
         env->DeleteGlobalRef(callback_);
+        callback_ = nullptr;
+    }
+    filterMethod_ = nullptr;
+    if (!callback) {
+        return;
     }
     callback_ = env->NewGlobalRef(callback);
     jclass clazz = env->GetObjectClass(callback);
     filterMethod_ = env->GetMethodID(clazz, "filterEvent", FILTER_SIGNATURE);
+    if (!filterMethod_) {
+        env->ExceptionClear();  // a host without the method gets no events, and no error
+        TOLVA_LOG(logger, 1, "Method not found: filterEvent");
+    }
     TOLVA_LOG(logger, 10, "ref: " << callback_ << ", jc: " << clazz << ", filter: " << filterMethod_);
+    env->DeleteLocalRef(clazz);
 }
 
 void EventFilter::attachThread() {
@@ -68,31 +107,84 @@ void EventFilter::detachThread() {
     if (!javaVM_) {
         return;
     }
-    if (env_ && callback_) {
-        env_->DeleteGlobalRef(callback_);
+    if (env_) {
+        forgetClasses();
+        if (callback_) {
+            env_->DeleteGlobalRef(callback_);
+        }
     }
     callback_ = nullptr;
     javaVM_->DetachCurrentThread();
 }
 
-jclass EventFilter::loadClass(const std::string& dottedName) {
-    JNIEnv* env = env_;
-    jclass driverClass = env->GetObjectClass(callback_);
-    jmethodID getClassMethod = env->GetMethodID(driverClass, "getClass", "()Ljava/lang/Class;");
-    jobject clazz = env->CallObjectMethod(callback_, getClassMethod);
-    TOLVA_LOG(logger, 5, "clazz: " << clazz);
+void EventFilter::forgetClasses() {
+    for (auto& entry : classCache()) {
+        if (entry.second) {
+            env_->DeleteGlobalRef(entry.second);
+        }
+    }
+    classCache().clear();
+}
 
-    jclass classClass = env->GetObjectClass(clazz);
-    jmethodID getLoader = env->GetMethodID(classClass, "getClassLoader", "()Ljava/lang/ClassLoader;");
-    jobject loader = env->CallObjectMethod(clazz, getLoader);
-    TOLVA_LOG(logger, 5, "loader: " << loader);
+bool EventFilter::dropJavaException() {
+    if (!env_->ExceptionCheck()) {
+        return false;
+    }
+    env_->ExceptionClear();
+    return true;
+}
 
-    jclass loaderClass = env->GetObjectClass(loader);
-    jmethodID loadMethod = env->GetMethodID(loaderClass, "loadClass", "(Ljava/lang/String;)Ljava/lang/Class;");
-    jstring name = env->NewStringUTF(dottedName.c_str());
-    jclass result = static_cast<jclass>(env->CallObjectMethod(loader, loadMethod, name));
-    TOLVA_LOG(logger, 10, dottedName << ": " << result);
+jmethodID EventFilter::methodOf(jobject object, const char* name, const char* signature) {
+    jclass clazz = env_->GetObjectClass(object);
+    jmethodID method = env_->GetMethodID(clazz, name, signature);
+    env_->DeleteLocalRef(clazz);
+    if (!method) {
+        dropJavaException();
+        TOLVA_LOG(logger, 1, "Method not found: " << name);
+    }
+    return method;
+}
+
+jobject EventFilter::callObjectMethod(jobject object, const char* name, const char* signature, jobject argument) {
+    if (!object) {
+        return nullptr;
+    }
+    jmethodID method = methodOf(object, name, signature);
+    if (!method) {
+        return nullptr;
+    }
+    jobject result =
+        argument ? env_->CallObjectMethod(object, method, argument) : env_->CallObjectMethod(object, method);
+    if (dropJavaException()) {
+        TOLVA_LOG(logger, 1, "Java exception in " << name);
+        return nullptr;
+    }
     return result;
+}
+
+jclass EventFilter::loadClass(const std::string& dottedName) {
+    if (!env_ || !callback_) {
+        return nullptr;
+    }
+    LocalFrame frame(env_);
+    if (!frame) {
+        return nullptr;
+    }
+    jobject clazz = callObjectMethod(callback_, "getClass", "()Ljava/lang/Class;");
+    TOLVA_LOG(logger, 5, "clazz: " << clazz);
+    jobject loader = callObjectMethod(clazz, "getClassLoader", "()Ljava/lang/ClassLoader;");
+    TOLVA_LOG(logger, 5, "loader: " << loader);
+    if (!loader) {
+        return nullptr;
+    }
+    jstring name = env_->NewStringUTF(dottedName.c_str());
+    if (!name) {
+        dropJavaException();
+        return nullptr;
+    }
+    jobject found = callObjectMethod(loader, "loadClass", "(Ljava/lang/String;)Ljava/lang/Class;", name);
+    TOLVA_LOG(logger, 10, dottedName << ": " << found);
+    return found ? static_cast<jclass>(env_->NewGlobalRef(found)) : nullptr;
 }
 
 jclass EventFilter::getClass(const std::string& dottedName) {
@@ -115,16 +207,17 @@ jclass EventFilter::getClass(const std::string& dottedName) {
 
 void EventFilter::checkEventConstructor() {
     jclass probe = getClass(eventClass("UIAutomationEvent"));
-    env_->GetMethodID(probe, "<init>", "(IJIILjava/lang/String;J)V");
-    if (env_->ExceptionOccurred()) {
-        timestamped_ = false;
-        env_->ExceptionClear();
+    if (probe) {
+        env_->GetMethodID(probe, "<init>", "(IJIILjava/lang/String;J)V");
+        if (dropJavaException()) {
+            timestamped_ = false;
+        }
     }
     TOLVA_LOG(logger, 9, "Events with timestamp: " << timestamped_);
 }
 
 bool EventFilter::clearJavaException() {
-    if (!env_->ExceptionOccurred()) {
+    if (!env_->ExceptionCheck()) {
         return false;
     }
     TOLVA_LOG(logger, 3, "Java exception");
@@ -133,17 +226,44 @@ bool EventFilter::clearJavaException() {
     return true;
 }
 
+jobject EventFilter::newJavaEvent(const char* simpleName, const char* signature, ...) {
+    jclass clazz = getClass(eventClass(simpleName));
+    if (!clazz) {
+        return nullptr;
+    }
+    jmethodID init = env_->GetMethodID(clazz, "<init>", signature);
+    if (!init) {
+        dropJavaException();
+        TOLVA_LOG(logger, 1, "No constructor " << simpleName << signature);
+        return nullptr;
+    }
+    va_list arguments;
+    va_start(arguments, signature);
+    jobject event = env_->NewObjectV(clazz, init, arguments);
+    va_end(arguments);
+    if (clearJavaException()) {
+        return nullptr;
+    }
+    return event;
+}
+
 void EventFilter::sendWinEvent(std::int32_t type) {
-    jclass clazz = getClass(eventClass("WinEvent"));
-    jmethodID init = env_->GetMethodID(clazz, "<init>", "(IJI)V");
-    jobject event = env_->NewObject(clazz, init, static_cast<jint>(type), static_cast<jlong>(0), static_cast<jint>(0));
+    LocalFrame frame(env_);
+    if (!frame) {
+        return;
+    }
+    jobject event = newJavaEvent("WinEvent", "(IJI)V", static_cast<jint>(type), static_cast<jlong>(0),
+                                 static_cast<jint>(0));
+    if (!event) {
+        return;
+    }
     env_->CallBooleanMethod(callback_, filterMethod_, event);
     clearJavaException();
 }
 
 void EventFilter::onConnect() {
     TOLVA_LOG(logger, 7, "");
-    if (!filterMethod_) {
+    if (!filterMethod_ || !env_) {
         return;
     }
     sendWinEvent(EVENT_CONNECTED);
@@ -153,14 +273,13 @@ void EventFilter::onConnect() {
 
 void EventFilter::onTerminate() {
     TOLVA_LOG(logger, 7, "");
-    if (!filterMethod_) {
+    if (!filterMethod_ || !env_) {
         return;
     }
     sendWinEvent(EVENT_TERMINATED);
 }
 
 jobject EventFilter::newEventObject(WinClientEvent* event, bool& fits) {
-    JNIEnv* env = env_;
     fits = true;
     const bool stamped = timestamped_;
     const jint type = event->type;
@@ -169,60 +288,49 @@ jobject EventFilter::newEventObject(WinClientEvent* event, bool& fits) {
     const jlong timestamp = event->timestamp;
 
     if (auto* mouse = dynamic_cast<MouseEvent*>(event)) {
-        jclass clazz = getClass(eventClass("MouseEvent"));
+        const jint x = mouse->x, y = mouse->y, screenX = mouse->screenX, screenY = mouse->screenY;
+        const jint button = mouse->button, modifiers = mouse->modifiers;
         if (stamped) {
-            jmethodID init = env->GetMethodID(clazz, "<init>", "(IJIIIIIIIJ)V");
-            return env->NewObject(clazz, init, type, handle, code, static_cast<jint>(mouse->x),
-                                  static_cast<jint>(mouse->y), static_cast<jint>(mouse->screenX),
-                                  static_cast<jint>(mouse->screenY), static_cast<jint>(mouse->button),
-                                  static_cast<jint>(mouse->modifiers), timestamp);
+            return newJavaEvent("MouseEvent", "(IJIIIIIIIJ)V", type, handle, code, x, y, screenX, screenY, button,
+                                modifiers, timestamp);
         }
-        jmethodID init = env->GetMethodID(clazz, "<init>", "(IJIIIIIII)V");
-        return env->NewObject(clazz, init, type, handle, code, static_cast<jint>(mouse->x),
-                              static_cast<jint>(mouse->y), static_cast<jint>(mouse->screenX),
-                              static_cast<jint>(mouse->screenY), static_cast<jint>(mouse->button),
-                              static_cast<jint>(mouse->modifiers));
+        return newJavaEvent("MouseEvent", "(IJIIIIIII)V", type, handle, code, x, y, screenX, screenY, button,
+                            modifiers);
     }
     if (auto* key = dynamic_cast<KeyEvent*>(event)) {
-        jclass clazz = getClass(eventClass("KeyboardEvent"));
-        const jboolean shift = key->shift ? JNI_TRUE : JNI_FALSE;
-        const jboolean ctrl = key->ctrl ? JNI_TRUE : JNI_FALSE;
-        const jboolean alt = key->alt ? JNI_TRUE : JNI_FALSE;
+        const jint vk = key->vk, character = key->character;
+        // jboolean goes through the variadic call as an int, as JNI reads it.
+        const int shift = key->shift ? JNI_TRUE : JNI_FALSE;
+        const int ctrl = key->ctrl ? JNI_TRUE : JNI_FALSE;
+        const int alt = key->alt ? JNI_TRUE : JNI_FALSE;
         if (stamped) {
-            jmethodID init = env->GetMethodID(clazz, "<init>", "(IJIIIZZZJ)V");
-            return env->NewObject(clazz, init, type, handle, code, static_cast<jint>(key->vk),
-                                  static_cast<jint>(key->character), shift, ctrl, alt, timestamp);
+            return newJavaEvent("KeyboardEvent", "(IJIIIZZZJ)V", type, handle, code, vk, character, shift, ctrl, alt,
+                                timestamp);
         }
-        jmethodID init = env->GetMethodID(clazz, "<init>", "(IJIIIZZZ)V");
-        return env->NewObject(clazz, init, type, handle, code, static_cast<jint>(key->vk),
-                              static_cast<jint>(key->character), shift, ctrl, alt);
+        return newJavaEvent("KeyboardEvent", "(IJIIIZZZ)V", type, handle, code, vk, character, shift, ctrl, alt);
     }
     if (auto* automation = dynamic_cast<UIAutomationEvent*>(event)) {
-        jclass clazz = getClass(eventClass("UIAutomationEvent"));
-        jstring text = env->NewString(reinterpret_cast<const jchar*>(automation->text.c_str()),
-                                      static_cast<jsize>(automation->text.size()));
-        if (stamped) {
-            jmethodID init = env->GetMethodID(clazz, "<init>", "(IJIILjava/lang/String;J)V");
-            return env->NewObject(clazz, init, type, handle, code, static_cast<jint>(automation->param), text,
-                                  timestamp);
+        const jint param = automation->param;
+        jstring text = env_->NewString(reinterpret_cast<const jchar*>(automation->text.c_str()),
+                                       static_cast<jsize>(automation->text.size()));
+        if (clearJavaException()) {
+            return nullptr;
         }
-        jmethodID init = env->GetMethodID(clazz, "<init>", "(IJIILjava/lang/String;)V");
-        return env->NewObject(clazz, init, type, handle, code, static_cast<jint>(automation->param), text);
+        if (stamped) {
+            return newJavaEvent("UIAutomationEvent", "(IJIILjava/lang/String;J)V", type, handle, code, param, text,
+                                timestamp);
+        }
+        return newJavaEvent("UIAutomationEvent", "(IJIILjava/lang/String;)V", type, handle, code, param, text);
     }
     if (auto* msaa = dynamic_cast<MSAAEvent*>(event)) {
-        jclass clazz = getClass(eventClass("MSAAEvent"));
+        const jint hwnd = msaa->hwnd, arg = msaa->arg;
         if (stamped) {
-            jmethodID init = env->GetMethodID(clazz, "<init>", "(IIIIJ)V");
-            return env->NewObject(clazz, init, type, code, static_cast<jint>(msaa->hwnd),
-                                  static_cast<jint>(msaa->arg), timestamp);
+            return newJavaEvent("MSAAEvent", "(IIIIJ)V", type, code, hwnd, arg, timestamp);
         }
-        jmethodID init = env->GetMethodID(clazz, "<init>", "(IIII)V");
-        return env->NewObject(clazz, init, type, code, static_cast<jint>(msaa->hwnd), static_cast<jint>(msaa->arg));
+        return newJavaEvent("MSAAEvent", "(IIII)V", type, code, hwnd, arg);
     }
     if (dynamic_cast<ChangeEvent*>(event)) {
-        jclass clazz = getClass(eventClass("ChangeEvent"));
-        jmethodID init = env->GetMethodID(clazz, "<init>", "(IJI)V");
-        return env->NewObject(clazz, init, type, handle, code);
+        return newJavaEvent("ChangeEvent", "(IJI)V", type, handle, code);
     }
     fits = false;
     return nullptr;
@@ -232,17 +340,30 @@ jobject EventFilter::newEventObject(WinClientEvent* event, bool& fits) {
 jobject EventFilter::newCallbackEvent() {
     clearJavaException();
     jclass clazz = getClass(eventClass("CallbackEvent"));
+    if (!clazz) {
+        return nullptr;
+    }
     jmethodID init = env_->GetMethodID(clazz, "<init>", "()V");
     clearJavaException();
+    if (!init) {
+        TOLVA_LOG(logger, 1, "No constructor CallbackEvent()V");
+        return nullptr;
+    }
     jobject event = env_->NewObject(clazz, init);
-    clearJavaException();
+    if (clearJavaException()) {
+        return nullptr;
+    }
     TOLVA_LOG(logger, 10, "env: " << env_ << "evcl: " << clazz << "init: " << init << "jev: " << event);
     return event;
 }
 
 void EventFilter::callJava(WinClientEvent* event) {
     TOLVA_LOG(logger, 7, "type: " << event->type << ", code: " << event->code);
-    if (!filterMethod_) {
+    if (!filterMethod_ || !env_) {
+        return;
+    }
+    LocalFrame frame(env_);  // the event's references end with this call
+    if (!frame) {
         return;
     }
     bool fits = false;
@@ -252,6 +373,9 @@ void EventFilter::callJava(WinClientEvent* event) {
         javaEvent = newCallbackEvent();
     } else if (!fits) {
         return;  // a record of no known kind is dropped without a word
+    }
+    if (!javaEvent) {
+        return;  // dropped; the reason is logged where it arose
     }
     jboolean result = env_->CallBooleanMethod(callback_, filterMethod_, javaEvent);
     if (trigger) {
@@ -267,10 +391,15 @@ void EventFilter::callCallbackVoid(const char* name, const char* signature, std:
     } else {
         TOLVA_LOG(logger, 7, "handle: " << handle);
     }
-    jclass clazz = env_->GetObjectClass(callback_);
-    jmethodID method = env_->GetMethodID(clazz, name, signature);
+    if (!env_ || !callback_) {
+        return;
+    }
+    LocalFrame frame(env_);
+    if (!frame) {
+        return;
+    }
+    jmethodID method = methodOf(callback_, name, signature);
     if (!method) {
-        TOLVA_LOG(logger, 1, "Method not found");
         return;
     }
     if (withIndex) {
@@ -278,6 +407,7 @@ void EventFilter::callCallbackVoid(const char* name, const char* signature, std:
     } else {
         env_->CallVoidMethod(callback_, method, static_cast<jlong>(handle));
     }
+    clearJavaException();
 }
 
 void EventFilter::callJavaPrepareRecording(std::int64_t handle) {
@@ -292,26 +422,58 @@ void EventFilter::callJavaCheckSelect(std::int64_t handle, std::int32_t index) {
     callCallbackVoid("onCheckSelect", "(JI)V", handle, true, index);
 }
 
+std::wstring EventFilter::labelAt(jobjectArray labels, jsize index, jclass stringClass) {
+    jobject entry = env_->GetObjectArrayElement(labels, index);
+    if (dropJavaException() || !entry) {
+        return std::wstring();
+    }
+    std::wstring label;
+    if (!env_->IsInstanceOf(entry, stringClass)) {
+        TOLVA_LOG(logger, 3, "Not a label at " << index);
+    } else {
+        auto text = static_cast<jstring>(entry);
+        const jsize length = env_->GetStringLength(text);
+        const jchar* chars = env_->GetStringChars(text, nullptr);
+        if (chars) {
+            label.assign(reinterpret_cast<const wchar_t*>(chars), static_cast<size_t>(length));
+            env_->ReleaseStringChars(text, chars);
+        } else {
+            dropJavaException();
+        }
+    }
+    env_->DeleteLocalRef(entry);
+    return label;
+}
+
 std::vector<std::wstring> EventFilter::callJavaContextCheck(std::int64_t handle) {
     TOLVA_LOG(logger, 7, "handle: " << handle);
     std::vector<std::wstring> labels;
-    jclass clazz = env_->GetObjectClass(callback_);
-    jmethodID method = env_->GetMethodID(clazz, "onContextCheck", "(J)[Ljava/lang/String;");
+    if (!env_ || !callback_) {
+        return labels;
+    }
+    LocalFrame frame(env_);
+    if (!frame) {
+        return labels;
+    }
+    jmethodID method = methodOf(callback_, "onContextCheck", "(J)[Ljava/lang/String;");
     if (!method) {
-        TOLVA_LOG(logger, 1, "Method not found");
         return labels;
     }
     auto array = static_cast<jobjectArray>(env_->CallObjectMethod(callback_, method, static_cast<jlong>(handle)));
+    if (clearJavaException()) {
+        return labels;
+    }
     if (!array) {
         TOLVA_LOG(logger, 5, "No labels");
         return labels;
     }
+    jclass stringClass = env_->FindClass("java/lang/String");
+    if (dropJavaException()) {
+        return labels;
+    }
     const jsize count = env_->GetArrayLength(array);
     for (jsize i = 0; i < count; ++i) {
-        auto text = static_cast<jstring>(env_->GetObjectArrayElement(array, i));
-        const jchar* chars = env_->GetStringChars(text, nullptr);
-        labels.emplace_back(reinterpret_cast<const wchar_t*>(chars));
-        env_->ReleaseStringChars(text, chars);
+        labels.push_back(labelAt(array, i, stringClass));
     }
     return labels;
 }

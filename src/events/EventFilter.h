@@ -27,8 +27,11 @@ public:
     void attachThread();
     void detachThread();
 
+    // A new global reference to the class, found through the callback object's
+    // class loader; null, with whatever Java threw cleared, if it can't be had.
     jclass loadClass(const std::string& dottedName);
-    jclass getClass(const std::string& dottedName);  // cached; null if it can't be had
+    // Cached for the life of the attached thread; null if it can't be had.
+    jclass getClass(const std::string& dottedName);
     void checkEventConstructor();
     void onConnect();
     void onTerminate();
@@ -44,11 +47,27 @@ public:
 private:
     EventFilter() = default;
     void sendWinEvent(std::int32_t type);
+    // Logs, describes and clears a pending Java exception; true if there was one.
     bool clearJavaException();
+    // Clears a pending exception without a word; true if there was one.
+    bool dropJavaException();
+    // The method of the object's class; null, with the NoSuchMethodError cleared, if it has none.
+    jmethodID methodOf(jobject object, const char* name, const char* signature);
+    // The result of a method of the object without arguments or with one; null, with the exception cleared, on failure.
+    jobject callObjectMethod(jobject object, const char* name, const char* signature, jobject argument = nullptr);
     void callCallbackVoid(const char* name, const char* signature, std::int64_t handle, bool withIndex,
                           std::int32_t index);
+    // A new object of the event class by the constructor of the signature and
+    // the arguments that follow; null, with the reason logged and cleared, if
+    // the class, the constructor or the construction fails.
+    jobject newJavaEvent(const char* simpleName, const char* signature, ...);
+    // The Java event of a record; fits is false for a record of no Java kind.
     jobject newEventObject(WinClientEvent* event, bool& fits);
     jobject newCallbackEvent();
+    // Deletes the cached classes' global references and forgets them.
+    void forgetClasses();
+    // The label at the index of the host's array; empty for a null entry or one that is no string.
+    std::wstring labelAt(jobjectArray labels, jsize index, jclass stringClass);
 
     JavaVM* javaVM_ = nullptr;
     JNIEnv* env_ = nullptr;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <mutex>
 #include <thread>
 
 using namespace tolva;
@@ -15,6 +16,11 @@ using namespace tolva;
 namespace {
 
 const std::string EVENT = "net/tolva/apps/cuebench/client/win/deskwright/event/";
+const std::string DRIVER = "net/tolva/apps/cuebench/client/win/deskwright/DefaultDeskwright";
+const std::string FILTER_SIGNATURE = "(L" + EVENT + "WinEvent;)Z";
+
+using jnihost::JavaHost;
+using jnihost::Value;
 
 // Runs work on a thread that the bridge attaches, as the dispatch thread does.
 void onAttachedThread(const std::function<void(EventFilter&)>& work) {
@@ -39,6 +45,18 @@ protected:
         for (const std::string& violation : host->violations()) {
             ADD_FAILURE() << "JNI misuse: " << violation;
         }
+        for (const std::string& uncaught : host->uncaughtExceptions()) {
+            ADD_FAILURE() << "left pending: " << uncaught;
+        }
+    }
+    // The class of the event that each filterEvent call was given.
+    std::vector<std::string> filtered() {
+        std::vector<std::string> classes;
+        for (const jnihost::Call& call : host->calls("filterEvent")) {
+            const std::string name = host->classNameOf(call.args[0].l);
+            classes.push_back(name.rfind(EVENT, 0) == 0 ? name.substr(EVENT.size()) : "null " + name);
+        }
+        return classes;
     }
     jnihost::Construction only(const std::string& simpleName) {
         auto made = host->constructions(EVENT + simpleName);
@@ -141,4 +159,205 @@ TEST_F(EventBridge, CheckRequestsReachTheirJavaMethods) {
     ASSERT_EQ(1u, host->calls("onCheckSelect").size());
     EXPECT_EQ(1, host->calls("onCheckSelect")[0].args[1].i);
     EXPECT_EQ(1u, host->calls("onDefaultCheck").size());
+}
+
+namespace {
+
+// Makes a Java call of the host throw.
+JavaHost::Handler throwing(JavaHost& host, const char* exceptionClass) {
+    return [&host, exceptionClass](JNIEnv*, jobject, const std::vector<Value>&) {
+        host.raise(exceptionClass, L"thrown by the host");
+        return Value::none();
+    };
+}
+
+struct BrokenHost {
+    const char* name;
+    std::function<void(JavaHost&)> breakIt;
+    std::function<void(EventFilter&)> send;
+    bool laterEventsGetThrough;  // a ChangeEvent sent afterwards reaches filterEvent
+};
+
+void sendMouse(EventFilter& filter) {
+    MouseEvent event(1, 513, 1, 2, 3, 4, 0, 0, 5);
+    filter.callJava(&event);
+}
+
+void sendTrigger(EventFilter& filter) {
+    WinClientEvent event(EVENT_CALLBACK, 0, 0);
+    filter.callJava(&event);
+}
+
+}  // namespace
+
+// Whatever part of the host is missing or throws, the event that needs it is
+// dropped, no exception is left pending and nothing null goes into the VM;
+// the next event still goes up.
+TEST_F(EventBridge, ABrokenHostCostsTheEventAndNothingElse) {
+    const BrokenHost rows[] = {
+        {"mouse class missing", [](JavaHost& h) { h.removeClass(EVENT + "MouseEvent"); }, sendMouse, true},
+        {"keyboard class missing", [](JavaHost& h) { h.removeClass(EVENT + "KeyboardEvent"); },
+         [](EventFilter& f) {
+             KeyEvent event(1, 256, 65, 'a', false, false, false, 5);
+             f.callJava(&event);
+         },
+         true},
+        {"automation class missing", [](JavaHost& h) { h.removeClass(EVENT + "UIAutomationEvent"); },
+         [](EventFilter& f) {
+             UIAutomationEvent event(1, 20005, 0, L"text", 5);
+             f.callJava(&event);
+         },
+         true},
+        {"MSAA class missing", [](JavaHost& h) { h.removeClass(EVENT + "MSAAEvent"); },
+         [](EventFilter& f) {
+             MSAAEvent event(32768, 1, 2, 5);
+             f.callJava(&event);
+         },
+         true},
+        {"callback class missing", [](JavaHost& h) { h.removeClass(EVENT + "CallbackEvent"); }, sendTrigger, true},
+        {"connect class missing", [](JavaHost& h) { h.removeClass(EVENT + "WinEvent"); },
+         [](EventFilter& f) { f.onConnect(); }, true},
+        {"stamped constructor missing",
+         [](JavaHost& h) { h.removeMethod(EVENT + "MouseEvent", "<init>", "(IJIIIIIIIJ)V"); }, sendMouse, true},
+        {"callback constructor missing", [](JavaHost& h) { h.removeMethod(EVENT + "CallbackEvent", "<init>", "()V"); },
+         sendTrigger, true},
+        {"constructor throws",
+         [](JavaHost& h) {
+             h.onCall(EVENT + "MouseEvent", "<init>", "(IJIIIIIIIJ)V", throwing(h, "java/lang/IllegalStateException"));
+         },
+         sendMouse, true},
+        {"no class loader",
+         [](JavaHost& h) {
+             h.onCall("java/lang/Class", "getClassLoader", "()Ljava/lang/ClassLoader;",
+                      [](JNIEnv*, jobject, const std::vector<Value>&) { return Value::of(nullptr); });
+         },
+         sendMouse, false},
+        {"class loader throws",
+         [](JavaHost& h) {
+             h.onCall("java/lang/ClassLoader", "loadClass", "(Ljava/lang/String;)Ljava/lang/Class;",
+                      throwing(h, "java/lang/SecurityException"));
+         },
+         sendTrigger, false},
+        {"getClass throws",
+         [](JavaHost& h) {
+             h.onCall("java/lang/Object", "getClass", "()Ljava/lang/Class;", throwing(h, "java/lang/Error"));
+         },
+         sendMouse, false},
+        {"check method missing", [](JavaHost& h) { h.removeMethod(DRIVER, "onDefaultCheck", "(J)V"); },
+         [](EventFilter& f) { f.callJavaDefaultCheck(1); }, true},
+        {"select method missing", [](JavaHost& h) { h.removeMethod(DRIVER, "onCheckSelect", "(JI)V"); },
+         [](EventFilter& f) { f.callJavaCheckSelect(1, 2); }, true},
+        {"prepare method throws",
+         [](JavaHost& h) {
+             h.onCall(DRIVER, "onPrepareRecording", "(J)V", throwing(h, "java/lang/IllegalStateException"));
+         },
+         [](EventFilter& f) { f.callJavaPrepareRecording(1); }, true},
+        {"context method missing",
+         [](JavaHost& h) { h.removeMethod(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;"); },
+         [](EventFilter& f) { EXPECT_TRUE(f.callJavaContextCheck(1).empty()); }, true},
+        {"context method throws",
+         [](JavaHost& h) {
+             h.onCall(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;", throwing(h, "java/lang/RuntimeException"));
+         },
+         [](EventFilter& f) { EXPECT_TRUE(f.callJavaContextCheck(1).empty()); }, true},
+    };
+    for (const BrokenHost& row : rows) {
+        SCOPED_TRACE(row.name);
+        connect();
+        row.breakIt(*host);
+        onAttachedThread([&row](EventFilter& filter) {
+            row.send(filter);
+            ChangeEvent later;
+            filter.callJava(&later);
+        });
+        const std::vector<std::string> expected =
+            row.laterEventsGetThrough ? std::vector<std::string>{"ChangeEvent"} : std::vector<std::string>{};
+        EXPECT_EQ(expected, filtered());
+        for (const std::string& violation : host->takeViolations()) {
+            ADD_FAILURE() << "JNI misuse: " << violation;
+        }
+        for (const std::string& uncaught : host->uncaughtExceptions()) {
+            ADD_FAILURE() << "left pending: " << uncaught;
+        }
+    }
+}
+
+TEST_F(EventBridge, ContextLabelsKeepTheirPlacesAndTheirWholeText) {
+    connect();
+    const std::wstring withNul(L"a\0b", 3);
+    host->onCall(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;",
+                 [this, &withNul](JNIEnv* env, jobject, const std::vector<Value>&) {
+                     jobjectArray labels = env->NewObjectArray(4, env->FindClass("java/lang/Object"), nullptr);
+                     env->SetObjectArrayElement(labels, 0, host->str(L"Text"));
+                     env->SetObjectArrayElement(labels, 2, host->callbackObject());  // not a string
+                     env->SetObjectArrayElement(labels, 3, host->str(withNul));
+                     return Value::of(static_cast<jobject>(labels));
+                 });
+    std::vector<std::wstring> labels;
+    onAttachedThread([&labels](EventFilter& filter) { labels = filter.callJavaContextCheck(5); });
+    EXPECT_EQ((std::vector<std::wstring>{L"Text", L"", L"", withNul}), labels);
+    EXPECT_EQ(0u, host->outstandingPins());
+}
+
+// A long recording: the attached thread's local references stay as many after
+// a thousand events as after the first few, and the bridge's global
+// references go with the thread.
+TEST_F(EventBridge, LocalReferencesDoNotGrowWithTheEvents) {
+    connect();
+    const size_t globalsBefore = host->globalRefCount();
+    std::mutex mutex;
+    std::vector<size_t> locals;  // of the attached thread, as each event reaches Java
+    host->onCall(DRIVER, "filterEvent", FILTER_SIGNATURE, [&](JNIEnv*, jobject, const std::vector<Value>&) {
+        std::lock_guard<std::mutex> lock(mutex);
+        locals.push_back(host->localRefCount());
+        return Value::of(true);
+    });
+    const int rounds = 200;
+    size_t afterwards = SIZE_MAX;
+    onAttachedThread([&](EventFilter& filter) {
+        filter.onConnect();
+        for (int round = 0; round < rounds; ++round) {
+            MouseEvent mouse(1, 513, 1, 2, 3, 4, 0, 0, 5);
+            KeyEvent key(1, 256, 65, 'a', false, true, false, 5);
+            UIAutomationEvent automation(1, 4096, 30005, L"name " + std::to_wstring(round), 5);
+            MSAAEvent msaa(32768, 1, 2, 5);
+            ChangeEvent change;
+            WinClientEvent trigger(EVENT_CALLBACK, 0, 0);
+            for (WinClientEvent* event : std::vector<WinClientEvent*>{&mouse, &key, &automation, &msaa, &change,
+                                                                      &trigger}) {
+                filter.callJava(event);
+            }
+            filter.callJavaPrepareRecording(1);
+            filter.callJavaContextCheck(1);
+        }
+        filter.onTerminate();
+        afterwards = host->localRefCount();
+    });
+    const size_t kinds = 6;
+    ASSERT_EQ(2 + kinds * rounds, locals.size());  // with the connect and the terminate
+    for (size_t kind = 0; kind < kinds; ++kind) {
+        EXPECT_EQ(locals[1 + kind], locals[1 + kinds * (rounds - 1) + kind]) << "event kind " << kind;
+    }
+    EXPECT_EQ(locals[0], locals.back()) << "the terminate event against the connect";
+    EXPECT_EQ(0u, afterwards);
+    EXPECT_EQ(globalsBefore - 1, host->globalRefCount()) << "only the callback object's reference went";
+}
+
+// A thread attached after another has detached finds the event classes anew.
+TEST_F(EventBridge, TheNextAttachedThreadStartsWithItsOwnClasses) {
+    connect();
+    onAttachedThread([](EventFilter& filter) {
+        filter.onConnect();
+        sendMouse(filter);
+    });
+    EventFilter::getInstance().setJavaCallbackObject(host->attachCurrentThread(), host->callbackObject());
+    onAttachedThread([](EventFilter& filter) {
+        filter.onConnect();
+        sendMouse(filter);
+        sendTrigger(filter);
+    });
+    EXPECT_EQ((std::vector<std::string>{"WinEvent", "MouseEvent", "WinEvent", "MouseEvent", "CallbackEvent"}),
+              filtered());
+    EXPECT_EQ(2, host->loadClassCount("net.tolva.apps.cuebench.client.win.deskwright.event.MouseEvent"));
+    EXPECT_EQ(0u, host->globalRefCount());
 }

@@ -25,7 +25,11 @@ Ctx::Ctx(JNIEnv* env, std::string f, unsigned flags)
   if (ts->pending && !(flags & kAllowPending)) {
     auto it = ts->pending->fields.find("message");
     std::string msg = it != ts->pending->fields.end() && it->second.o ? ": " + utf8Of(it->second.o->str) : "";
-    h->pendingCallLog.push_back(cat(fn, " on thread ", tid, " while ", ts->pending->cls->name, msg, " is pending"));
+    std::string line = cat(fn, " on thread ", tid, " while ", ts->pending->cls->name, msg, " is pending");
+    // A thread of the library's own, outside Java code, has no Java caller to
+    // which the exception could still go: the VM would abort there.
+    if (!ts->javaThread && ts->javaDepth == 0) h->violate(line);
+    h->pendingCallLog.push_back(line);
   }
   if (ts->criticals > 0 && !(flags & kCriticalOk))
     violation("called inside a critical region (a Get...Critical pointer is not released yet)");

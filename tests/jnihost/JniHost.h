@@ -251,7 +251,9 @@ class JavaHost {
   // does not make; ThrowNew/Throw without a Throwable; JNI calls inside a
   // critical region; PopLocalFrame without PushLocalFrame; DetachCurrentThread
   // on a thread running Java code; DestroyJavaVM; FatalError; a thread the
-  // library attached that ended without DetachCurrentThread.
+  // library attached that ended without DetachCurrentThread; a JNI call with
+  // an exception pending on a thread the library attached, outside Java code
+  // (one that callsWithPendingException lists).
   std::vector<std::string> violations() const;
   // The violations so far, which then no longer count (for a test that
   // provokes misuse on purpose and checks it).
@@ -259,7 +261,7 @@ class JavaHost {
   // JNI calls made while an exception was pending (other than the calls that
   // are allowed then: the Exception* calls, the Release* calls,
   // DeleteLocalRef/DeleteGlobalRef/DeleteWeakGlobalRef, Push/PopLocalFrame,
-  // MonitorExit).
+  // MonitorExit), on any thread; on a Java thread they are not violations.
   std::vector<std::string> callsWithPendingException() const;
   // Exceptions still pending when a thread detached (printed as a VM does).
   std::vector<std::string> uncaughtExceptions() const;

@@ -602,6 +602,29 @@ TEST(JniHost, CallsWithPendingExceptionAreListedNotViolations) {
   EXPECT_EQ(host.constructions("java/lang/IllegalStateException").size(), 1u);
 }
 
+TEST(JniHost, CallsWithPendingExceptionOnALibraryThreadAreViolations) {
+  JavaHost host;
+  JavaVM* vm = host.vm();
+  onOtherThread([&] {
+    JNIEnv* env = nullptr;
+    vm->AttachCurrentThread(reinterpret_cast<void**>(&env), nullptr);
+    EXPECT_EQ(env->FindClass("net/tolva/NoSuchClass"), nullptr);
+    EXPECT_EQ(env->PushLocalFrame(4), JNI_OK);  // allowed with an exception pending
+    EXPECT_EQ(env->PopLocalFrame(nullptr), nullptr);
+    env->ExceptionClear();
+    env->NewStringUTF("after the clear");
+    EXPECT_TRUE(host.violations().empty());
+    env->FindClass("net/tolva/NoSuchClass");
+    env->GetObjectClass(host.callbackObject());
+    vm->DetachCurrentThread();
+  });
+  auto misuse = host.takeViolations();
+  ASSERT_EQ(misuse.size(), 1u);
+  EXPECT_TRUE(mentions(misuse, "GetObjectClass on thread"));
+  EXPECT_TRUE(mentions(misuse, "java/lang/NoClassDefFoundError"));
+  EXPECT_EQ(host.uncaughtExceptions().size(), 1u);
+}
+
 TEST(JniHost, WithoutTimestampsTheStampedConstructorsAreMissing) {
   JavaHost::Options o;
   o.timestampedEvents = false;
