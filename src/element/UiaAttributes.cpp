@@ -5,6 +5,7 @@
 
 #include "bridge/Logging.h"
 #include "bridge/Preferences.h"
+#include "uiahelper/Regex.h"
 #include "uiahelper/UiaHelper.h"
 
 #include <cmath>
@@ -350,10 +351,13 @@ Array<std::intptr_t> UiaControl::getToplevels(int pid, bool viaHwnd, std::wstrin
     UiaHelper::ElementList windows =
         viaHwnd ? UiaHelper::GetToplevelsForPidViaHWND(pid) : UiaHelper::GetToplevelsForPid(pid);
     if (Preferences::getInstance().getFlag(PREF_RESTRICT_TOPS_TO_CLASS) && !classPattern.empty()) {
-        const std::wregex pattern(classPattern, std::regex::ECMAScript);
+        const UiaHelper::Regex pattern(classPattern);
+        if (!pattern.valid()) {
+            TOLVA_LOG(logger, 1, pattern.error());
+        }
         for (std::size_t i = 0; i < windows.size();) {
             const std::wstring windowClass = UiaHelper::GetControlClassName(windows[i]);
-            if (std::regex_match(windowClass, pattern)) {
+            if (pattern.matches(windowClass)) {
                 ++i;
                 continue;
             }
