@@ -169,6 +169,9 @@ ElementList GetChildren(IUIAutomationElement* element) {
 }
 
 bool HasAncestorWithPid(IUIAutomationElement* element, int pid) {
+    if (!element) {
+        return false;
+    }
     ComPtr<IUIAutomationElement> current;
     element->AddRef();
     current = ComPtr<IUIAutomationElement>::attach(element);

@@ -96,6 +96,7 @@ TEST_F(Tree, AncestorsAreTestedButNotTheElementItself) {
     EXPECT_FALSE(UiaHelper::HasAncestorWithPid(topElement.get(), 4711)) << "the desktop has another process";
     EXPECT_TRUE(UiaHelper::HasAncestorWithPid(buttonElement.get(), 4711));
     EXPECT_FALSE(UiaHelper::HasAncestorWithPid(buttonElement.get(), 99));
+    EXPECT_FALSE(UiaHelper::HasAncestorWithPid(nullptr, 4711)) << "no element at a point";
 }
 
 TEST_F(Tree, ToplevelsOfAProcessSkipShadowsAndLookIntoFrames) {
