@@ -5,6 +5,7 @@
 
 #include "bridge/Handles.h"
 #include "bridge/Marshal.h"
+#include "uiahelper/Naming.h"
 
 #include <windows.h>
 
@@ -22,7 +23,6 @@ HWND windowFromJava(jlong value) {
     return reinterpret_cast<HWND>(handleFromJava(value));
 }
 
-const UINT GET_TEXT_TIMEOUT_MS = 2000;
 const UINT SET_TEXT_TIMEOUT_MS = 5000;
 const int CLASS_NAME_LENGTH = 256;
 
@@ -43,17 +43,7 @@ JNIEXPORT jstring JNICALL NATIVE(GetWindowClassName)(JNIEnv* env, jobject, jlong
 }
 
 JNIEXPORT jstring JNICALL NATIVE(GetWindowText)(JNIEnv* env, jobject, jlong hwnd) {
-    HWND window = windowFromJava(hwnd);
-    DWORD_PTR length = 0;
-    std::wstring text;
-    if (SendMessageTimeoutW(window, WM_GETTEXTLENGTH, 0, 0, SMTO_NORMAL, GET_TEXT_TIMEOUT_MS, &length) &&
-        static_cast<LONG_PTR>(length) > 0) {
-        std::vector<wchar_t> buffer(length + 1, L'\0');
-        // No time-out here: a window that answered the length answers the text.
-        SendMessageW(window, WM_GETTEXT, length + 1, reinterpret_cast<LPARAM>(buffer.data()));
-        text = buffer.data();
-    }
-    return toJavaString(env, text);
+    return toJavaString(env, UiaHelper::GetWindowTextViaMessage(windowFromJava(hwnd)));
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(SetWindowText)(JNIEnv* env, jobject, jlong hwnd, jstring text) {

@@ -5,6 +5,7 @@
 
 #include "bridge/Logging.h"
 #include "bridge/Preferences.h"
+#include "uiahelper/Regex.h"
 #include "uiahelper/UiaHelper.h"
 
 #include <cmath>
@@ -13,7 +14,6 @@
 #include <functional>
 #include <limits>
 #include <ostream>
-#include <regex>
 #include <stdexcept>
 #include <unordered_map>
 
@@ -27,6 +27,33 @@ const wchar_t* const CLASS_NAME_SEPARATOR = L"\r;";
 const wchar_t* const GRID_ITEM_PREFIX = L"griditem";
 const std::size_t GRID_ITEM_PREFIX_LENGTH = 8;
 const int REAL_BUFFER = 32;
+
+// The digits from `at` on, and the position behind them.
+std::size_t DigitsFrom(const std::wstring& text, std::size_t at) {
+    while (at < text.size() && text[at] >= L'0' && text[at] <= L'9') {
+        ++at;
+    }
+    return at;
+}
+
+// The whole name is "griditem_<digits>_<digits>"; the two runs of digits.
+bool SplitGridItemName(const std::wstring& attribute, std::wstring& column, std::wstring& row) {
+    const std::wstring prefix = std::wstring(GRID_ITEM_PREFIX) + L"_";
+    if (attribute.compare(0, prefix.size(), prefix) != 0) {
+        return false;
+    }
+    const std::size_t columnEnd = DigitsFrom(attribute, prefix.size());
+    if (columnEnd == prefix.size() || columnEnd >= attribute.size() || attribute[columnEnd] != L'_') {
+        return false;
+    }
+    const std::size_t rowEnd = DigitsFrom(attribute, columnEnd + 1);
+    if (rowEnd == columnEnd + 1 || rowEnd != attribute.size()) {
+        return false;
+    }
+    column = attribute.substr(prefix.size(), columnEnd - prefix.size());
+    row = attribute.substr(columnEnd + 1);
+    return true;
+}
 
 // A new string for the caller, who deletes it with delete[].
 wchar_t* newText(const std::wstring& text) {
@@ -237,13 +264,13 @@ wchar_t* UiaControl::getAttribute(const std::wstring& attribute) {
 // "griditem_<column>_<row>": the handle of the grid's item there, "0" when it
 // can't be had; null for any other name of the family.
 wchar_t* UiaControl::getGridItem(IUIAutomationElement* element, const std::wstring& attribute) {
-    static const std::wregex form(L"griditem_(\\d+)_(\\d+)", std::regex::ECMAScript);
-    std::wsmatch groups;
-    if (!std::regex_match(attribute, groups, form)) {
+    std::wstring columnDigits;
+    std::wstring rowDigits;
+    if (!SplitGridItemName(attribute, columnDigits, rowDigits)) {
         return nullptr;
     }
-    const int column = _wtoi(groups.str(1).c_str());
-    const int row = _wtoi(groups.str(2).c_str());
+    const int column = _wtoi(columnDigits.c_str());
+    const int row = _wtoi(rowDigits.c_str());
     IUIAutomationElement* item = UiaHelper::GetGridItem(element, column, row);
     UiaControl* control = getControl(item, std::wstring(), nullptr);
     if (item) {
@@ -350,10 +377,13 @@ Array<std::intptr_t> UiaControl::getToplevels(int pid, bool viaHwnd, std::wstrin
     UiaHelper::ElementList windows =
         viaHwnd ? UiaHelper::GetToplevelsForPidViaHWND(pid) : UiaHelper::GetToplevelsForPid(pid);
     if (Preferences::getInstance().getFlag(PREF_RESTRICT_TOPS_TO_CLASS) && !classPattern.empty()) {
-        const std::wregex pattern(classPattern, std::regex::ECMAScript);
+        const UiaHelper::Regex pattern(classPattern);
+        if (!pattern.valid()) {
+            TOLVA_LOG(logger, 1, pattern.error());
+        }
         for (std::size_t i = 0; i < windows.size();) {
             const std::wstring windowClass = UiaHelper::GetControlClassName(windows[i]);
-            if (std::regex_match(windowClass, pattern)) {
+            if (pattern.matches(windowClass)) {
                 ++i;
                 continue;
             }

@@ -7,7 +7,6 @@
 #include <map>
 #include <mutex>
 #include <ostream>
-#include <regex>
 #include <unordered_set>
 #include <vector>
 
@@ -18,6 +17,16 @@ namespace {
 Logger& logger = Log::getLogger("tolva.uia.UiaControl");
 
 const std::size_t SHORT_NAME_LENGTH = 16;
+
+// The name matches ".*\d+$" as a whole, with ECMAScript's meanings: '.' is
+// any character but a line terminator, and \d one of 0 to 9. Plain code, as a
+// regular-expression engine may recurse once per character of the name.
+bool EndsInDigit(const std::wstring& name) {
+    if (name.empty() || name.back() < L'0' || name.back() > L'9') {
+        return false;
+    }
+    return name.find_first_of(L"\n\r\u2028\u2029") == std::wstring::npos;
+}
 
 // The table: key to control, and the set of the controls in it, so that a
 // handle is tested without a walk. Only the functions of this file touch
@@ -189,8 +198,7 @@ std::wstring UiaControl::noIdKeyPart(IUIAutomationElement* element, const std::w
         id = name;  // no location for an element without bounds
     } else {
         if (!name.empty()) {
-            static const std::wregex endsInDigit(L".*\\d+$", std::regex::ECMAScript);
-            if (type != L"ROW" || std::regex_match(name, endsInDigit) ||
+            if (type != L"ROW" || EndsInDigit(name) ||
                 preferences.getFlag(PREF_RID_APPEND_ROW_NAME)) {
                 id = name;
             }

@@ -3,11 +3,12 @@
 #include "bridge/Logging.h"
 #include "classic/ShmComm.h"
 #include "engine/Uia.h"
+#include "uiahelper/Regex.h"
 
 #include <process.h>
 
 #include <cstdio>
-#include <regex>
+#include <vector>
 
 namespace tolva {
 
@@ -35,18 +36,18 @@ int ProcessManager::attachUiaProcess(const std::wstring& args, int timeoutMs) {
         TOLVA_LOG(logger, 3, "Invalid connection parameters");
         return 0;
     }
-    static const std::wregex pidPattern(L"-pid\\s+(\\d+).*", std::regex::ECMAScript);
-    static const std::wregex classPattern(L"-class\\s+'?(.*?)'?", std::regex::ECMAScript);
+    static const UiaHelper::Regex pidPattern(L"-pid\\s+(\\d+).*");
+    static const UiaHelper::Regex classPattern(L"-class\\s+'?(.*?)'?");
 
     std::wstring title = args;
     std::wstring className;
     int pid = 0;
-    std::wsmatch match;
-    if (std::regex_match(args, match, classPattern)) {
-        className = match[1].str();
+    std::vector<std::wstring> groups;
+    if (classPattern.matches(args, groups)) {
+        className = groups[0];
     }
-    if (std::regex_match(args, match, pidPattern)) {
-        pid = _wtoi(match[1].str().c_str());
+    if (pidPattern.matches(args, groups)) {
+        pid = _wtoi(groups[0].c_str());
     }
     const std::wstring::size_type index = args.find(L' ', PID_OPTION_LENGTH);
     if (pid != 0) {
@@ -54,25 +55,23 @@ int ProcessManager::attachUiaProcess(const std::wstring& args, int timeoutMs) {
             TOLVA_LOG(logger, 9, "pid: " << pid << ", index: " << index << ", title: " << title);
             title = args.substr(index + 1);
             className.clear();
-            if (std::regex_match(title, match, classPattern)) {
-                className = match[1].str();
+            if (classPattern.matches(title, groups)) {
+                className = groups[0];
             }
         } else {
             title.clear();
         }
     }
 
-    try {
-        Uia& uia = Uia::getInstance();
-        if (className.empty()) {
-            std::wregex syntaxCheck(title, std::regex::ECMAScript);
-            pid = uia.setup(title, std::wstring(), pid, timeoutMs);
-        } else {
-            std::wregex syntaxCheck(className, std::regex::ECMAScript);
-            pid = uia.setup(std::wstring(), className, pid, timeoutMs);
-        }
-    } catch (const std::regex_error& error) {
-        TOLVA_LOG(logger, 1, error.what());
+    // The class wins over the title. The finders compile for themselves; this
+    // only keeps a malformed expression from starting the dispatch thread.
+    const UiaHelper::Regex syntaxCheck(className.empty() ? title : className);
+    if (!syntaxCheck.valid()) {
+        TOLVA_LOG(logger, 1, syntaxCheck.error());
+    } else if (className.empty()) {
+        pid = Uia::getInstance().setup(title, std::wstring(), pid, timeoutMs);
+    } else {
+        pid = Uia::getInstance().setup(std::wstring(), className, pid, timeoutMs);
     }
 
     if (pid != 0) {

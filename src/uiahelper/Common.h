@@ -22,9 +22,13 @@ using ElementList = std::vector<IUIAutomationElement*>;
 void ReleaseElements(ElementList& elements);
 
 // Asks the element for a pattern by id, with the pattern's own interface. A
-// success code with a null pattern means the element doesn't support it.
+// success code with a null pattern means the element doesn't support it; a
+// null element gives E_INVALIDARG.
 template <class Pattern>
 HRESULT OpenPattern(IUIAutomationElement* element, PATTERNID id, tolva::ComPtr<Pattern>& pattern) {
+    if (!element) {
+        return E_INVALIDARG;
+    }
     return element->GetCurrentPatternAs(id, __uuidof(Pattern), reinterpret_cast<void**>(pattern.put()));
 }
 

@@ -5,7 +5,9 @@
 #include "bridge/Preferences.h"
 #include "uiahelper/ComPtr.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <new>
 #include <vector>
 
 using tolva::Bstr;
@@ -20,6 +22,10 @@ tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
 
 const RECT FAILED_BOUNDS = {-1, 0, 0, 0};
 const DWORD MESSAGE_TIMEOUT_MS = 2000;
+// The most characters read from a window's text. A window answers
+// WM_GETTEXTLENGTH with whatever it likes, and the buffer is made before the
+// text is seen: a claim beyond this reads the first this many characters.
+const LONG_PTR WINDOW_TEXT_CAP = 1 << 24;
 const int TITLEBARINFOEX_SIZE = 0x8C;
 
 }  // namespace
@@ -281,14 +287,21 @@ std::wstring GetTitleBarButtonName(IUIAutomationElement* element) {
 }
 
 std::wstring GetWindowTextViaMessage(HWND window) {
-    DWORD_PTR length = 0;
-    if (!SendMessageTimeoutW(window, WM_GETTEXTLENGTH, 0, 0, SMTO_NORMAL, MESSAGE_TIMEOUT_MS, &length) ||
-        length == 0) {
+    DWORD_PTR answer = 0;
+    if (!SendMessageTimeoutW(window, WM_GETTEXTLENGTH, 0, 0, SMTO_NORMAL, MESSAGE_TIMEOUT_MS, &answer) ||
+        static_cast<LONG_PTR>(answer) <= 0) {
         return std::wstring();
     }
-    std::vector<wchar_t> buffer(length + 1, L'\0');
-    SendMessageW(window, WM_GETTEXT, length + 1, reinterpret_cast<LPARAM>(buffer.data()));
-    return std::wstring(buffer.data());
+    const std::size_t length = static_cast<std::size_t>((std::min)(static_cast<LONG_PTR>(answer), WINDOW_TEXT_CAP));
+    try {
+        std::vector<wchar_t> buffer(length + 1, L'\0');
+        SendMessageW(window, WM_GETTEXT, length + 1, reinterpret_cast<LPARAM>(buffer.data()));
+        buffer.back() = L'\0';  // the text ends at its first null, and within the buffer
+        return std::wstring(buffer.data());
+    } catch (const std::bad_alloc&) {
+        TOLVA_LOG(logger, 3, "No memory for a window text of " << length << " characters");
+        return std::wstring();
+    }
 }
 
 std::wstring GetTextViaHWND(IUIAutomationElement* element) {

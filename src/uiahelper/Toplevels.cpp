@@ -4,8 +4,8 @@
 
 #include "bridge/Logging.h"
 #include "uiahelper/ComPtr.h"
+#include "uiahelper/Regex.h"
 
-#include <regex>
 
 using tolva::automationObject;
 using tolva::ComPtr;
@@ -132,7 +132,11 @@ IUIAutomationElement* GetToplevelByClassName(const std::wstring& classRegex) {
     if (!children) {
         return nullptr;
     }
-    const std::wregex pattern(classRegex, std::regex::ECMAScript);
+    const Regex pattern(classRegex);
+    if (!pattern.valid()) {
+        TOLVA_LOG(logger, 1, pattern.error());
+        return nullptr;
+    }
     int length = 0;
     children->get_Length(&length);
     for (int i = 0; i < length; ++i) {
@@ -142,7 +146,7 @@ IUIAutomationElement* GetToplevelByClassName(const std::wstring& classRegex) {
         }
         const std::wstring className = GetControlClassName(element.get());
         TOLVA_LOG(logger, 9, "cl: " << className);
-        if (std::regex_match(className, pattern)) {
+        if (pattern.matches(className)) {
             return element.detach();
         }
     }
@@ -150,9 +154,13 @@ IUIAutomationElement* GetToplevelByClassName(const std::wstring& classRegex) {
 }
 
 IUIAutomationElement* GetToplevelByTitleViaHWND(const std::wstring& titleRegex) {
-    const std::wregex pattern(titleRegex, std::regex::ECMAScript);
+    const Regex pattern(titleRegex);
+    if (!pattern.valid()) {
+        TOLVA_LOG(logger, 1, pattern.error());
+        return nullptr;
+    }
     for (HWND hwnd : VisibleWindows()) {
-        if (std::regex_match(GetWindowTextViaMessage(hwnd), pattern)) {
+        if (pattern.matches(GetWindowTextViaMessage(hwnd))) {
             IUIAutomationElement* element = nullptr;
             automationObject->ElementFromHandle(hwnd, &element);
             return element;

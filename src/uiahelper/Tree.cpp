@@ -4,9 +4,9 @@
 #include "bridge/Logging.h"
 #include "bridge/Preferences.h"
 #include "uiahelper/ComPtr.h"
+#include "uiahelper/Regex.h"
 
 #include <algorithm>
-#include <regex>
 
 using tolva::automationObject;
 using tolva::ComPtr;
@@ -39,7 +39,7 @@ bool TypeFits(IUIAutomationElement* element, const std::wstring& type) {
 
 // The children of a frame window that belong to another process and match.
 void AppendFrameHits(IUIAutomationElement* frame, IUIAutomationCondition* condition, const std::wstring& type,
-                     const std::wregex& pattern, bool firstOnly, ElementList& hits) {
+                     const Regex& pattern, bool firstOnly, ElementList& hits) {
     int framePid = 0;
     GetControlProcessId(frame, &framePid);
     ComPtr<IUIAutomationElementArray> children;
@@ -59,7 +59,7 @@ void AppendFrameHits(IUIAutomationElement* frame, IUIAutomationCondition* condit
         int childPid = 0;
         GetControlProcessId(child.get(), &childPid);
         const std::wstring name = NormalisedName(child.get());
-        if (childPid != framePid && std::regex_match(name, pattern)) {
+        if (childPid != framePid && pattern.matches(name)) {
             hits.push_back(child.detach());
             if (firstOnly) {
                 return;
@@ -169,6 +169,9 @@ ElementList GetChildren(IUIAutomationElement* element) {
 }
 
 bool HasAncestorWithPid(IUIAutomationElement* element, int pid) {
+    if (!element) {
+        return false;
+    }
     ComPtr<IUIAutomationElement> current;
     element->AddRef();
     current = ComPtr<IUIAutomationElement>::attach(element);
@@ -195,7 +198,11 @@ IUIAutomationElement* GetElementFromPoint(POINT point) {
 ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstring& type,
                                      const std::wstring& nameRegex, bool firstOnly, int scope) {
     ElementList hits;
-    const std::wregex pattern(nameRegex, std::regex::ECMAScript);
+    const Regex pattern(nameRegex);
+    if (!pattern.valid()) {
+        TOLVA_LOG(logger, 1, pattern.error());
+        return hits;
+    }
     ComPtr<IUIAutomationElement> desktop;
     if (!root) {
         if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
@@ -216,7 +223,7 @@ ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstr
         if (FAILED(found->GetElement(i, element.put())) || !element) {
             continue;
         }
-        const bool hit = TypeFits(element.get(), type) && std::regex_match(NormalisedName(element.get()), pattern);
+        const bool hit = TypeFits(element.get(), type) && pattern.matches(NormalisedName(element.get()));
         if (hit) {
             element->AddRef();
             hits.push_back(element.get());

@@ -1,9 +1,20 @@
 // The natives that work on plain windows, on real windows of the test.
 #include "DriverTest.h"
 
+#include <limits>
+
 using dwtest::DriverTest;
 
 namespace {
+
+// Answers WM_GETTEXTLENGTH with whatever length it is told to claim.
+LRESULT claimedLength = 0;
+LRESULT CALLBACK ClaimingProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    if (message == WM_GETTEXTLENGTH) {
+        return claimedLength;
+    }
+    return DefWindowProcW(hwnd, message, wParam, lParam);
+}
 
 class WindowNatives : public DriverTest {
 protected:
@@ -66,4 +77,33 @@ TEST_F(WindowNatives, TheHighWordOfAWindowHandleIsIgnored) {
     const jlong lParam = static_cast<jlong>(reinterpret_cast<intptr_t>(buffer)) | static_cast<jlong>(0x1111000000000000LL);
     EXPECT_EQ(12, native<jint>("SendMessage", withHighWord, jint{WM_GETTEXT}, jlong{32} | (jlong{1} << 40), lParam));
     EXPECT_STREQ(L"Hello window", buffer);
+}
+
+TEST_F(WindowNatives, AWindowThatClaimsAHugeTextGivesTheTextItHas) {
+    WNDCLASSW windowClass = {};
+    windowClass.lpfnWndProc = ClaimingProc;
+    windowClass.hInstance = GetModuleHandleW(nullptr);
+    windowClass.lpszClassName = L"ClaimingWindow";
+    RegisterClassW(&windowClass);
+    HWND claiming = CreateWindowExW(0, L"ClaimingWindow", L"Hello", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr,
+                                    nullptr, GetModuleHandleW(nullptr), nullptr);
+    ASSERT_NE(nullptr, claiming);
+    struct Row {
+        const char* what;
+        LRESULT claimed;
+        const wchar_t* text;
+    };
+    const Row rows[] = {
+        {"the largest length", (std::numeric_limits<LRESULT>::max)(), L"Hello"},
+        {"2^31 - 1", 0x7FFFFFFF, L"Hello"},
+        {"a negative length", -1, L""},
+    };
+    for (const Row& row : rows) {
+        claimedLength = row.claimed;
+        jstring text = native<jstring>("GetWindowText", java(claiming));
+        EXPECT_EQ("", dwtest::pendingException(*host)) << row.what;
+        host->takeException();
+        EXPECT_EQ(row.text, host->isNull(text) ? L"<null>" : host->text(text)) << row.what;
+    }
+    DestroyWindow(claiming);
 }

@@ -4,6 +4,7 @@
 #include "DriverTest.h"
 
 #include "FakeUiaPatterns.h"
+#include "SmallStack.h"
 
 #include <optional>
 
@@ -233,6 +234,52 @@ TEST_F(Attributes, TheGridFamilyAsksRowFirstAndMatchesTheWholeName) {
     EXPECT_EQ(2u, grid->getItemCalls.size()) << "names that don't match ask nothing";
     EXPECT_EQ(L"0", text(gridHandle, L"griditem_9_9")) << "outside the grid";
     EXPECT_EQ(L"0", text(itemHandle, L"griditem_0_0")) << "no Grid pattern";
+}
+
+TEST_F(Attributes, GridItemNamesOfAnyLengthAreReadOnAJavaThreadsStack) {
+    fakeuia::Node& gridNode = child(UIA_DataGridControlTypeId, L"Grid");
+    std::vector<std::vector<fakeuia::Node*>> cells(2);
+    for (int row = 0; row < 2; ++row) {
+        for (int column = 0; column < 3; ++column) {
+            fakeuia::NodeSpec cell;
+            cell.controlType = UIA_DataItemControlTypeId;
+            cell.name = L"r" + std::to_wstring(row) + L"c" + std::to_wstring(column);
+            cell.bounds = {20 + 10 * column, 20 + 10 * row, 30 + 10 * column, 30 + 10 * row};
+            fakeuia::Node& made = child(cell, &gridNode);
+            fakeuia::attach<fakeuia::GridItemSource>(made, row, column, &gridNode);
+            cells[row].push_back(&made);
+        }
+    }
+    fakeuia::attach<fakeuia::GridSource>(gridNode, cells);
+    const jlong gridHandle = handleOf(gridNode);
+    const std::wstring zeros(1000000, L'0');
+    struct Row {
+        const char* what;
+        std::wstring name;
+        std::optional<std::wstring> cell;  // the name of the cell whose handle is the answer
+    };
+    const std::vector<Row> rows = {
+        {"leading zeros", L"griditem_" + zeros + L"2_" + zeros + L"1", L"r1c2"},
+        {"a long tail", L"griditem_2_1" + std::wstring(1000000, L'x'), std::nullopt},
+        {"a long column of another form", L"griditem_" + zeros + L"x_1", std::nullopt},
+    };
+    std::vector<std::optional<std::wstring>> names(rows.size());
+    ASSERT_TRUE(dwtest::runOnStack(dwtest::DISPATCH_STACK_BYTES, [&] {
+        JNIEnv* threadEnv = host->attachCurrentThread();
+        auto read = [&](jlong handle, const std::wstring& name) -> std::optional<std::wstring> {
+            jstring value = dll->call<jstring>("GetAttribute", threadEnv, self, handle, host->str(name));
+            if (host->takeException().has_value() || host->isNull(value)) return std::nullopt;
+            return host->text(value);
+        };
+        for (size_t i = 0; i < rows.size(); ++i) {
+            auto item = read(gridHandle, rows[i].name);
+            names[i] = item ? read(std::stoll(*item), L"name") : std::nullopt;
+        }
+        host->detachCurrentThread();
+    }));
+    for (size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(rows[i].cell, names[i]) << rows[i].what;
+    }
 }
 
 TEST_F(Attributes, ColumnHeadersSkipEntriesThatFail) {

@@ -3,6 +3,7 @@
 #include "DriverTest.h"
 
 #include "FakeUiaPatterns.h"
+#include "SmallStack.h"
 
 using dwtest::DriverTest;
 using dwtest::LogFile;
@@ -88,6 +89,29 @@ TEST_F(Keys, RowsWithoutRuntimeIdsUseNamesEndingInDigits) {
     readChildren();
     EXPECT_TRUE(made("ROW_Pane_2a.1f__10.20.170.230")) << LogFile::dump();
     EXPECT_TRUE(made("ROW_Pane_2a.1f_Row 12"));
+}
+
+TEST_F(Keys, RowNamesOfAnyLengthAreTestedOnAJavaThreadsStack) {
+    const std::wstring longName = std::wstring(1000000, L'r') + L"7";
+    row(longName, none, {110, 220, 180, 250});
+    row(std::wstring(1000000, L'r'), none, {110, 260, 180, 280});
+    row(L"Row\n7", none, {110, 300, 180, 320});  // '.' stops at a line break
+    row(L"Row 7\n", none, {110, 340, 180, 360});
+    bool read = false;
+    ASSERT_TRUE(dwtest::runOnStack(dwtest::DISPATCH_STACK_BYTES, [&] {
+        JNIEnv* threadEnv = host->attachCurrentThread();
+        auto tops = host->longs(dll->call<jlongArray>("GetToplevels", threadEnv, self));
+        if (tops.size() == 1) {
+            dll->call<jlongArray>("GetChildren", threadEnv, self, tops[0]);
+            read = !host->takeException().has_value();
+        }
+        host->detachCurrentThread();
+    }));
+    ASSERT_TRUE(read);
+    EXPECT_TRUE(made("ROW_Pane_2a.1f_" + std::string(1000000, 'r') + "7")) << "a name ending in a digit";
+    EXPECT_TRUE(made("ROW_Pane_2a.1f__10.60.170.220")) << "a name ending in a letter";
+    EXPECT_TRUE(made("ROW_Pane_2a.1f__10.100.170.220")) << "a line break before the digit";
+    EXPECT_TRUE(made("ROW_Pane_2a.1f__10.140.170.220")) << "a line break after the digit";
 }
 
 TEST_F(Keys, TwoWidgetsWithOneKeyShareOneControl) {

@@ -111,3 +111,23 @@ TEST_F(Attach, AFrameWithoutCoreWindowFindsNothing) {
     EXPECT_EQ(0, attach(L"Calculator", 1000));
     EXPECT_TRUE(LogFile::contains("CoreWindow not found", 3));
 }
+
+TEST_F(Attach, TitlesAndParametersOfAnyLength) {
+    const std::wstring tail(1000000, L'x');
+    topWindow(L"Main " + tail, L"MainWnd", self());
+    EXPECT_EQ(0, attach(L"Main x*y", 1000)) << "a title that differs at its end";
+    EXPECT_EQ(0, attach(L"-class '" + tail + L"'", 1000)) << "a long class option";
+    EXPECT_TRUE(LogFile::contains("class: " + std::string(1000000, 'x') + ",", 7));
+    EXPECT_EQ(self(), attach(L"-pid " + nobody() + L" Main " + tail, 1000)) << "a long title after a pid";
+}
+
+TEST_F(Attach, ClassesOfAnyLength) {
+    const std::wstring tail(1000000, L'x');
+    topWindow(L"Main", L"SunAwtFrame" + tail, self());
+    topWindow(L"Tool", L"Tool" + tail, self());
+    EXPECT_EQ(self(), attach(L"-pid " + nobody() + L" -class 'SunAwt.*'", 1000));
+    EXPECT_EQ(L"true", preference(L"deskwright.restrict.tops.to.class"));
+    auto tops = host->longs(native<jlongArray>("GetToplevels"));
+    ASSERT_EQ(1u, tops.size()) << "only the class of the option stays";
+    EXPECT_EQ(L"Main", host->text(native<jstring>("GetAttribute", tops[0], host->str(L"name"))));
+}

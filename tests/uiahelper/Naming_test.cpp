@@ -7,6 +7,8 @@
 #include "bridge/Preferences.h"
 #include "uiahelper/UiaHelper.h"
 
+#include <limits>
+
 using dwtest::ElementRef;
 using dwtest::HelperTest;
 
@@ -20,6 +22,9 @@ struct TestWindows {
             commands().push_back({wParam, lParam});
             return 0;
         }
+        if (message == WM_GETTEXTLENGTH && claimedLength() != 0) {
+            return claimedLength();
+        }
         if (message == WM_GETTITLEBARINFOEX) {
             auto* info = reinterpret_cast<TITLEBARINFOEX*>(lParam);
             info->rgrect[2] = {100, 0, 120, 20};  // minimize
@@ -28,6 +33,11 @@ struct TestWindows {
             return 0;
         }
         return DefWindowProcW(hwnd, message, wParam, lParam);
+    }
+    // A length that WM_GETTEXTLENGTH answers instead of the true one; 0: the true one.
+    static LRESULT& claimedLength() {
+        static LRESULT length = 0;
+        return length;
     }
     static std::vector<std::pair<WPARAM, LPARAM>>& commands() {
         static std::vector<std::pair<WPARAM, LPARAM>> list;
@@ -46,6 +56,7 @@ struct TestWindows {
         commands().clear();
     }
     ~TestWindows() {
+        claimedLength() = 0;
         DestroyWindow(frame);
     }
     void setTitle(const std::wstring& text) { SetWindowTextW(frame, text.c_str()); }
@@ -164,6 +175,29 @@ TEST_F(Naming, EmptyWindowNamesComeFromTheWindowText) {
     top.update([](fakeuia::NodeSpec& spec) { spec.name = std::wstring(4096, L'n'); });
     EXPECT_EQ(std::wstring(4096, L'n'), UiaHelper::GetControlName(topElement.get()));
     EXPECT_EQ(L"", UiaHelper::GetControlName(nullptr));
+}
+
+TEST_F(Naming, AWindowThatClaimsAHugeTextGivesTheTextItHas) {
+    TestWindows windows;
+    windows.setTitle(L"Hello");
+    fakeuia::Node& top = window(L"");
+    top.update([&](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = windows.frame; });
+    ElementRef topElement(elementOf(top));
+    struct Row {
+        const char* what;
+        LRESULT claimed;
+        const wchar_t* text;
+    };
+    const Row rows[] = {
+        {"the largest length", (std::numeric_limits<LRESULT>::max)(), L"Hello"},
+        {"2^31 - 1", 0x7FFFFFFF, L"Hello"},
+        {"a negative length", -1, L""},
+    };
+    for (const Row& row : rows) {
+        TestWindows::claimedLength() = row.claimed;
+        EXPECT_EQ(row.text, UiaHelper::GetWindowTextViaMessage(windows.frame)) << row.what;
+        EXPECT_EQ(row.text, UiaHelper::GetControlName(topElement.get())) << row.what << ", as a window's name";
+    }
 }
 
 TEST_F(Naming, TheNonUniqueRowSwitchRenamesRows) {

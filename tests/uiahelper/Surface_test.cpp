@@ -6,7 +6,11 @@
 #include <oleacc.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <functional>
 #include <iterator>
+#include <string>
+#include <vector>
 
 using dwtest::ElementRef;
 using dwtest::HelperTest;
@@ -407,4 +411,60 @@ TEST_F(Surface, PatternNameOfAFailedCallIsNN) {
 TEST_F(Surface, ElementWithoutPatternsGivesOneBlank) {
     ElementRef element(elementOf(node(UIA_ButtonControlTypeId)));
     EXPECT_EQ(L" ", UiaHelper::GetControlPatterns(element.get()));
+}
+
+// An element that Java or the platform couldn't give (no element at a point,
+// a parent that went away) is answered as an element without the pattern.
+TEST_F(Surface, ANullElementIsAnsweredNotCalledThrough) {
+    using UiaHelper::ElementList;
+    auto flag = [](bool value) { return std::wstring(value ? L"true" : L"false"); };
+    auto number = [](int value) { return std::to_wstring(value); };
+    auto pair = [](const UiaHelper::GridPair& value) {
+        return value.size() == 2 ? std::to_wstring(value[0]) + L"," + std::to_wstring(value[1]) : L"<size>";
+    };
+    double horizontal = 0;
+    double vertical = 0;
+    struct Row {
+        const char* helper;
+        std::function<std::wstring()> answer;
+        const wchar_t* expected;
+    };
+    const std::vector<Row> rows = {
+        {"HasAncestorWithPid", [&] { return flag(UiaHelper::HasAncestorWithPid(nullptr, 1)); }, L"false"},
+        {"MoveControl", [&] { return flag(UiaHelper::MoveControl(nullptr, 1, 1)); }, L"false"},
+        {"ResizeControl", [&] { return flag(UiaHelper::ResizeControl(nullptr, 1, 1)); }, L"false"},
+        {"CloseControl", [&] { return flag(UiaHelper::CloseControl(nullptr)); }, L"false"},
+        {"DoDefaultAction", [&] { return flag(UiaHelper::DoDefaultAction(nullptr)); }, L"false"},
+        {"DoInvoke", [&] { return flag(UiaHelper::DoInvoke(nullptr)); }, L"false"},
+        {"DoSelect", [&] { return flag(UiaHelper::DoSelect(nullptr, 1)); }, L"false"},
+        {"DoExpand", [&] { return flag(UiaHelper::DoExpand(nullptr, true)); }, L"false"},
+        {"GetExpandState", [&] { return number(UiaHelper::GetExpandState(nullptr)); }, L"-1"},
+        {"GetToggleState", [&] { return number(UiaHelper::GetToggleState(nullptr)); }, L"-1"},
+        {"SetToggleState", [&] { return flag(UiaHelper::SetToggleState(nullptr, 1)); }, L"false"},
+        {"GetScrollPercent", [&] { return flag(UiaHelper::GetScrollPercent(nullptr, horizontal, vertical)); }, L"false"},
+        {"GetViewSize", [&] { return flag(UiaHelper::GetViewSize(nullptr, horizontal, vertical)); }, L"false"},
+        {"DoScroll", [&] { return flag(UiaHelper::DoScroll(nullptr, 10, 10)); }, L"false"},
+        {"GetGridColumnAndRowCount", [&] { return pair(UiaHelper::GetGridColumnAndRowCount(nullptr)); }, L"-1,-1"},
+        {"GetGridItem", [&] { return flag(UiaHelper::GetGridItem(nullptr, 0, 0) != nullptr); }, L"false"},
+        {"GetGridItemColumnAndRow", [&] { return pair(UiaHelper::GetGridItemColumnAndRow(nullptr)); }, L"-1,-1"},
+        {"GetColumnHeaders", [&] { return number(static_cast<int>(UiaHelper::GetColumnHeaders(nullptr).size())); }, L"0"},
+        {"IsSelected", [&] { return flag(UiaHelper::IsSelected(nullptr)); }, L"false"},
+        {"GetControlInteractionState", [&] { return number(UiaHelper::GetControlInteractionState(nullptr)); }, L"-1"},
+        {"IsControlModal", [&] { return flag(UiaHelper::IsControlModal(nullptr)); }, L"false"},
+        {"HasWindowPattern", [&] { return flag(UiaHelper::HasWindowPattern(nullptr)); }, L"false"},
+        {"IsTextReadOnly", [&] { return flag(UiaHelper::IsTextReadOnly(nullptr)); }, L"false"},
+        {"GetControlChildId", [&] { return number(UiaHelper::GetControlChildId(nullptr)); }, L"0"},
+        {"GetAccStateNames", [&] { return UiaHelper::GetAccStateNames(nullptr); }, L""},
+        {"GetAccValue", [&] { return UiaHelper::GetAccValue(nullptr); }, L""},
+        {"GetAccDescription", [&] { return UiaHelper::GetAccDescription(nullptr); }, L""},
+        {"GetControlValue", [&] {
+             std::wstring value = L"kept";
+             return flag(FAILED(UiaHelper::GetControlValue(nullptr, value))) + L" " + value;
+         }, L"true kept"},
+        {"SetControlValue", [&] { return flag(UiaHelper::SetControlValue(nullptr, L"x")); }, L"false"},
+    };
+    for (const Row& row : rows) {
+        std::fprintf(stderr, "%s\n", row.helper);  // names the row if the call brings the process down
+        EXPECT_EQ(row.expected, row.answer()) << row.helper;
+    }
 }

@@ -5,6 +5,10 @@
 #include "bridge/Preferences.h"
 #include "uiahelper/UiaHelper.h"
 
+#include "SmallStack.h"
+
+#include <functional>
+
 using dwtest::ElementRef;
 using dwtest::HelperTest;
 
@@ -92,6 +96,7 @@ TEST_F(Tree, AncestorsAreTestedButNotTheElementItself) {
     EXPECT_FALSE(UiaHelper::HasAncestorWithPid(topElement.get(), 4711)) << "the desktop has another process";
     EXPECT_TRUE(UiaHelper::HasAncestorWithPid(buttonElement.get(), 4711));
     EXPECT_FALSE(UiaHelper::HasAncestorWithPid(buttonElement.get(), 99));
+    EXPECT_FALSE(UiaHelper::HasAncestorWithPid(nullptr, 4711)) << "no element at a point";
 }
 
 TEST_F(Tree, ToplevelsOfAProcessSkipShadowsAndLookIntoFrames) {
@@ -251,4 +256,56 @@ TEST_F(Tree, AComboBoxsPopupUnderTheDesktopEndsItsChildren) {
     child(list, UIA_ListItemControlTypeId, L"item");
     ElementRef listElement(elementOf(list));
     EXPECT_EQ((Names{L"floating", L"item"}), names(UiaHelper::GetChildren(listElement.get())));
+}
+
+TEST_F(Tree, NamesClassesAndTitlesOfAnyLengthMatchOnTheDispatchThreadsStack) {
+    const std::wstring tail(1000000, L'x');
+    const int self = static_cast<int>(GetCurrentProcessId());
+    window(L"Main " + tail, 1, L"Sun" + tail);
+    fakeuia::Node& frame = window(L"App frame", 88, L"ApplicationFrameWindow");
+    child(frame, UIA_WindowControlTypeId, L"Core " + tail, L"Windows.UI.Core.CoreWindow", 4711);
+    RealWindow shown((L"Report " + tail).c_str(), true);
+    window(L"report element", self).update([&](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = shown.hwnd; });
+
+    auto byName = [this](const wchar_t* regex) {
+        return names(UiaHelper::GetElementsByTypeAndName(nullptr, L"", regex, false, 2)).size();
+    };
+    auto found = [](IUIAutomationElement* element) {
+        ElementRef held(element);
+        return held.get() ? size_t{1} : size_t{0};
+    };
+    struct Row {
+        const char* what;
+        std::function<size_t()> hits;
+        size_t expected;
+    };
+    const std::vector<Row> rows = {
+        {"a top-level name", [&] { return byName(L"Main x*"); }, 1},
+        {"a name that differs at its end", [&] { return byName(L"Main x*y"); }, 0},
+        {"a name inside a frame", [&] { return byName(L"Core x+"); }, 1},
+        {"a name as a long literal", [&] { return byName((L"Main " + tail).c_str()); }, 1},
+        {"an expression too complex for the name", [&] { return byName(L"Main (x|xx)*y"); }, 0},
+        {"a class", [&] { return found(UiaHelper::GetToplevelByClassName(L"Sun.*")); }, 1},
+        {"a class that differs at its end", [&] { return found(UiaHelper::GetToplevelByClassName(L"Sunx*y")); }, 0},
+        {"a window title", [&] { return found(UiaHelper::GetToplevelByTitleViaHWND(L"Report x+")); }, 1},
+    };
+    std::vector<size_t> hits(rows.size(), 99);
+    ASSERT_TRUE(dwtest::runOnStack(dwtest::DISPATCH_STACK_BYTES, [&] {
+        for (size_t i = 0; i < rows.size(); ++i) {
+            hits[i] = rows[i].hits();
+        }
+    }));
+    for (size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(rows[i].expected, hits[i]) << rows[i].what;
+    }
+    EXPECT_NE(std::string::npos, logText().find("too complex")) << "the give-up is logged";
+}
+
+TEST_F(Tree, MalformedExpressionsFindNothing) {
+    window(L"Foo(", 1, L"Foo(");
+    RealWindow shown(L"Foo(", true);
+    EXPECT_TRUE(names(UiaHelper::GetElementsByTypeAndName(nullptr, L"", L"Foo(", false, 2)).empty());
+    EXPECT_EQ(nullptr, UiaHelper::GetElementByTypeAndName(nullptr, L"", L"Foo(", 2));
+    EXPECT_EQ(nullptr, UiaHelper::GetToplevelByClassName(L"Foo("));
+    EXPECT_EQ(nullptr, UiaHelper::GetToplevelByTitleViaHWND(L"Foo("));
 }
