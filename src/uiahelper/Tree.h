@@ -36,10 +36,12 @@ ElementList FindAllWindows(IUIAutomationElement* element);
 // The children in the raw view, at most deskwright.max.children of them; a
 // combo box's popup that hangs under the desktop ends the list.
 ElementList GetChildren(IUIAutomationElement* element);
-// True if an ancestor (not the element itself) has the process id.
+// True if an ancestor (not the element itself) has the process id; false
+// for a null element.
 bool HasAncestorWithPid(IUIAutomationElement* element, int pid);
 IUIAutomationElement* GetElementFromPoint(POINT point);
-// Elements of a type name (empty: any) whose name matches the whole regex.
+// Elements of a type name (empty: any) whose name matches the whole regex;
+// a malformed regex finds nothing.
 // A null root searches from the desktop; with scope 2 (children) the search
 // also looks into frame windows that host another process's windows.
 ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstring& type,
@@ -48,6 +50,8 @@ IUIAutomationElement* GetElementByTypeAndName(IUIAutomationElement* root, const 
                                               const std::wstring& nameRegex, int scope);
 ElementList GetElementsByProperty(IUIAutomationElement* root, PROPERTYID property, const VARIANT& value,
                                   int scope);
+// The first top-level window whose text matches the whole regex, or null
+// (also for a malformed regex).
 IUIAutomationElement* GetToplevelByTitleViaHWND(const std::wstring& titleRegex);
 
 // The parent in the raw view, or null (the desktop has none).
