@@ -94,6 +94,11 @@ JNIEXPORT jint JNICALL NATIVE(AttachClient__Ljava_lang_String_2)(JNIEnv* env, jo
 JNIEXPORT jint JNICALL NATIVE(AttachUiaClient)(JNIEnv* env, jobject self, jstring args, jint timeoutMs) {
     useUia = true;  // first of all, before the arguments are looked at
     PinnedString text(env, args);
+    // The dispatch thread of a connection before lets go of the callback
+    // object at its end: it must be over before the new object is set.
+    if (!ProcessManager::getInstance().endPreviousUiaConnection()) {
+        return 0;
+    }
     EventFilter::getInstance().setJavaCallbackObject(env, self);
     return ProcessManager::getInstance().attachUiaProcess(text.str(), timeoutMs);
 }

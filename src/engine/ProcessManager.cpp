@@ -7,6 +7,7 @@
 
 #include <process.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <vector>
 
@@ -19,6 +20,9 @@ Logger& logger = Log::getLogger("tolva.ProcessManager");
 const unsigned SHUTDOWN_STACK_SIZE = 16384;
 const DWORD SHUTDOWN_START_WAIT_MS = 100;
 const DWORD NOT_FOUND_WAIT_MS = 250;
+// The end of a dispatch thread takes its hooks down (up to 5 s for the input
+// hook's thread) and waits for Java threads still in a call.
+const DWORD PREVIOUS_END_WAIT_MS = 20000;
 const DWORD TARGET_ACCESS = SYNCHRONIZE | PROCESS_QUERY_INFORMATION | PROCESS_TERMINATE;  // 0x100401
 
 const std::wstring::size_type PID_OPTION_LENGTH = 5;  // "-pid "
@@ -28,6 +32,28 @@ const std::wstring::size_type PID_OPTION_LENGTH = 5;  // "-pid "
 ProcessManager& ProcessManager::getInstance() {
     static ProcessManager instance;
     return instance;
+}
+
+ProcessManager::Watch::~Watch() {
+    CloseHandle(process);
+    CloseHandle(ended);
+}
+
+bool ProcessManager::endPreviousUiaConnection() {
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (attached_ && automationBackEnd_) {
+            TOLVA_LOG(logger, 5, "Ending the connection to " << pid_);
+            Uia::getInstance().detach();
+            attached_ = false;
+        }
+        endWatchLocked();
+    }
+    if (!Uia::getInstance().awaitDispatchEnd(PREVIOUS_END_WAIT_MS)) {
+        TOLVA_LOG(logger, 1, "The previous connection has not ended");
+        return false;
+    }
+    return true;
 }
 
 int ProcessManager::attachUiaProcess(const std::wstring& args, int timeoutMs) {
@@ -94,37 +120,68 @@ bool ProcessManager::createShutdownThread(int pid) {
         return false;
     }
     pid_ = pid;
+    const std::shared_ptr<Watch> watch(
+        new Watch{this, processHandle_, CreateEventW(nullptr, TRUE, FALSE, nullptr), pid});
+    auto* threadsWatch = new std::shared_ptr<Watch>(watch);
     auto thread = reinterpret_cast<HANDLE>(
-        _beginthreadex(nullptr, SHUTDOWN_STACK_SIZE, &ProcessManager::shutdownThreadProc, this, 0, nullptr));
-    if (thread) {
-        CloseHandle(thread);
+        _beginthreadex(nullptr, SHUTDOWN_STACK_SIZE, &ProcessManager::shutdownThreadProc, threadsWatch, 0, nullptr));
+    if (!thread) {
+        // The connection stays usable; only its target's end goes unnoticed.
+        TOLVA_LOG(logger, 1, "Shutdown thread could not be started: " << errno);
+        delete threadsWatch;
+        return false;
     }
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        endWatchLocked();
+        watch_ = watch;
+    }
+    CloseHandle(thread);
     Sleep(SHUTDOWN_START_WAIT_MS);
     return true;
 }
 
 unsigned __stdcall ProcessManager::shutdownThreadProc(void* param) {
-    auto* manager = static_cast<ProcessManager*>(param);
-    HANDLE process = manager->processHandle_;
-    WaitForSingleObject(process, INFINITE);
-    CloseHandle(process);
+    const std::unique_ptr<std::shared_ptr<Watch>> owned(static_cast<std::shared_ptr<Watch>*>(param));
+    const std::shared_ptr<Watch> watch = *owned;
+    HANDLE waitFor[] = {watch->process, watch->ended};
+    if (WaitForMultipleObjects(2, waitFor, FALSE, INFINITE) == WAIT_OBJECT_0) {
+        watch->manager->targetEnded(*watch);
+    }
+    return 0;  // else the connection ended first: nothing more to watch
+}
 
-    manager->attached_ = false;
-    TOLVA_LOG(logger, 5, "pid: " << manager->pid_ << " terminated");
+// The target of a watch has ended: its connection ends too, unless Java has
+// ended it already (and may have started another one).
+void ProcessManager::targetEnded(const Watch& watch) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (watch_.get() != &watch) {
+        return;
+    }
+    watch_.reset();
+    attached_ = false;
+    TOLVA_LOG(logger, 5, "pid: " << watch.pid << " terminated");
     std::fputs("terminated\n", stdout);
     std::fflush(stdout);
 
     Uia::getInstance().processTerminated();
-    if (manager->automationBackEnd_) {
+    if (automationBackEnd_) {
         Uia::getInstance().detach();
     } else {
         ShmComm::getInstance().shutdown();
     }
-    return 0;
+}
+
+void ProcessManager::endWatchLocked() {
+    if (watch_) {
+        SetEvent(watch_->ended);
+        watch_.reset();
+    }
 }
 
 void ProcessManager::detachProcess() {
     TOLVA_LOG(logger, 7, "");
+    std::lock_guard<std::mutex> guard(lock_);
     if (!attached_) {
         TOLVA_LOG(logger, 3, "No client attached");
         return;
@@ -134,6 +191,7 @@ void ProcessManager::detachProcess() {
     } else {
         ShmComm::getInstance().detach();
     }
+    endWatchLocked();
     attached_ = false;
 }
 

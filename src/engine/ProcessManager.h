@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <memory>
+#include <mutex>
 #include <string>
 
 namespace tolva {
@@ -12,7 +14,10 @@ class ProcessManager {
 public:
     static ProcessManager& getInstance();
 
-    // Automation back end.
+    // Automation back end. A new connection starts only when the one before
+    // has wholly ended: this ends a connection that is still up and waits,
+    // bounded, for its dispatch thread; false if that thread hasn't ended.
+    bool endPreviousUiaConnection();
     int attachUiaProcess(const std::wstring& args, int timeoutMs);
     // Classic back end.
     int startProcess(const std::wstring& command);
@@ -26,8 +31,21 @@ public:
     int getThreadId() const { return threadId_; }
 
 private:
+    // The watch of one connection over its target: the shutdown thread waits
+    // for the process or for the connection's end, whichever comes first.
+    struct Watch {
+        ProcessManager* manager;
+        HANDLE process;  // owned
+        HANDLE ended;    // owned; manual-reset, set when the connection ends
+        int pid;
+        ~Watch();
+    };
     ProcessManager() = default;
+    void targetEnded(const Watch& watch);
+    void endWatchLocked();
 
+    std::mutex lock_;              // guards watch_ and the ends of connections
+    std::shared_ptr<Watch> watch_;  // the current connection's, if watched
     volatile bool attached_ = false;
     HANDLE processHandle_ = nullptr;
     int pid_ = 0;

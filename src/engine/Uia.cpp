@@ -8,14 +8,15 @@
 #include "events/EventFilter.h"
 #include "events/WinClientEvent.h"
 #include "recording/UiaAutoEventHandler.h"
+#include "uiahelper/Common.h"
 
 #include <process.h>
 
+#include <cerrno>
 #include <iostream>
 
 namespace tolva {
 
-IUIAutomation* automationObject = nullptr;
 std::vector<HWND> existingWindows;
 DWORD overlayThreadId = 0;
 
@@ -26,6 +27,9 @@ Logger& logger = Log::getLogger("tolva.Uia");
 const unsigned DISPATCH_STACK_SIZE = 0x100000;
 const DWORD START_WAIT_MS = 1000;
 const DWORD ATTEMPT_SPACING_MS = 1000;
+// How long the dispatch thread's end waits for Java threads still in a call
+// to let go of the automation object; after that the last of them releases it.
+const DWORD LAST_USES_WAIT_MS = 10000;
 
 BOOL CALLBACK CollectWindow(HWND hwnd, LPARAM windows) {
     reinterpret_cast<std::vector<HWND>*>(windows)->push_back(hwnd);
@@ -71,14 +75,19 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
     TOLVA_LOG(logger, 5, "Start");
     UiaEventQueue::create(GetCurrentThreadId());
 
+    // Without a thread behind it the queue ends at once, so that nobody
+    // waits for it.
     HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (FAILED(hr)) {
         TOLVA_LOG(logger, 1, "Initialization failed: " << std::hex << hr);
+        UiaEventQueue::destroy();
         return 1;
     }
     hr = uia->createAutomationObject();
     if (FAILED(hr)) {
         TOLVA_LOG(logger, 1, "Automation error: " << std::hex << hr);
+        UiaEventQueue::destroy();
+        withdrawAutomation().reset();
         CoUninitialize();
         return 2;
     }
@@ -87,14 +96,11 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
     while (uia->readAndDispatch()) {
     }
 
+    UiaEventQueue::destroy();  // work behind the quit comes back unrun
     uia->removeEventHandler();
     EventFilter::getInstance().detachThread();
-    UiaEventQueue::destroy();
     UiaControl::removeControls();
-    // Released and forgotten, so that a later attach in this process makes a
-    // new object instead of releasing this one a second time.
-    automationObject->Release();
-    automationObject = nullptr;
+    uia->releaseAutomation();
     CoUninitialize();
     TOLVA_LOG(logger, 5, "Done");
     return 0;
@@ -102,7 +108,11 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
 
 bool Uia::readAndDispatch() {
     bool goOn = true;
-    UiaEvent* event = UiaEventQueue::getInstance()->next();
+    const std::shared_ptr<UiaEventQueue> queue = UiaEventQueue::getInstance();
+    if (!queue) {
+        return false;
+    }
+    UiaEvent* event = queue->next();
     // A run-now event belongs to the waiting thread once it is signalled and
     // must not be read again: the id is taken first.
     const std::int32_t id = event->id;
@@ -144,9 +154,7 @@ bool Uia::readAndDispatch() {
 HRESULT Uia::createAutomationObject() {
     TOLVA_LOG(logger, 7, "");
     HRESULT hr = S_OK;
-    if (automationObject) {
-        automationObject->Release();
-    }
+    withdrawAutomation().reset();  // none is left by a connection that has ended
     std::wstring uia8;
     std::wstring viaHwndValue;
     const bool uia8Set = readEnvironment(L"CUEBENCH_WIN_UIA8", uia8);
@@ -155,12 +163,19 @@ HRESULT Uia::createAutomationObject() {
     }
     TOLVA_LOG(logger, 5, "via hwnd: " << viaHwnd);
 
+    bool created = false;
     if (uia8Set) {
+        IUIAutomation* object = nullptr;
         hr = CoCreateInstance(CLSID_CUIAutomation8, nullptr, CLSCTX_INPROC_SERVER, IID_IUIAutomation,
-                              reinterpret_cast<void**>(&automationObject));
-        if (FAILED(hr) || !automationObject) {
+                              reinterpret_cast<void**>(&object));
+        if (FAILED(hr) || !object) {
             TOLVA_LOG(logger, 1, "Error creating automation object 8: " << std::hex << hr);
+            if (object) {
+                object->Release();
+            }
         } else {
+            installAutomation(object);
+            created = true;
             TOLVA_LOG(logger, 5, "Using Uia8");
             std::wcout << L"Using Uia8" << std::endl;
             std::vector<std::wstring> timeouts = splitString(uia8, L',');
@@ -173,17 +188,37 @@ HRESULT Uia::createAutomationObject() {
             }
         }
     }
-    if (!automationObject) {
+    if (!created) {
+        IUIAutomation* object = nullptr;
         hr = CoCreateInstance(CLSID_CUIAutomation, nullptr, CLSCTX_INPROC_SERVER, IID_IUIAutomation,
-                              reinterpret_cast<void**>(&automationObject));
+                              reinterpret_cast<void**>(&object));
+        if (object) {
+            installAutomation(object);
+        }
     }
     return hr;
 }
 
+void Uia::releaseAutomation() {
+    AutomationRef last = withdrawAutomation();
+    const ULONGLONG end = GetTickCount64() + LAST_USES_WAIT_MS;
+    while (last && last.use_count() > 1 && GetTickCount64() < end) {
+        Sleep(10);
+    }
+    if (last.use_count() > 1) {
+        TOLVA_LOG(logger, 3, "Automation object still in use: " << last.use_count() - 1);
+    }
+}
+
 bool Uia::setTimeouts(int connectionTimeout, int transactionTimeout) {
     TOLVA_LOG(logger, 7, "ct: " << connectionTimeout << ", tt: " << transactionTimeout);
+    const AutomationRef automation = tolva::automation();
+    if (!automation) {
+        TOLVA_LOG(logger, 3, "No automation object");
+        return false;
+    }
     IUIAutomation2* automation2 = nullptr;
-    HRESULT hr = automationObject->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
+    HRESULT hr = automation->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
     if (FAILED(hr) || !automation2) {
         TOLVA_LOG(logger, 3, "Error setting timeouts: " << std::hex << hr);
         return false;
@@ -200,8 +235,12 @@ bool Uia::setTimeouts(int connectionTimeout, int transactionTimeout) {
 }
 
 bool Uia::isUia8() {
+    const AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return false;
+    }
     IUIAutomation2* automation2 = nullptr;
-    HRESULT hr = automationObject->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
+    HRESULT hr = automation->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
     if (FAILED(hr) || !automation2) {
         return false;
     }
@@ -213,14 +252,14 @@ bool Uia::isUia8() {
 // the target's end), when there is no queue any more to post to.
 void Uia::triggerThread() {
     TOLVA_LOG(logger, 7, "");
-    if (UiaEventQueue* queue = UiaEventQueue::getInstance()) {
+    if (auto queue = UiaEventQueue::getInstance()) {
         queue->post(new UiaEvent(UIA_EVENT_TRIGGER));
     }
 }
 
 void Uia::detach() {
     TOLVA_LOG(logger, 7, "");
-    if (UiaEventQueue* queue = UiaEventQueue::getInstance()) {
+    if (auto queue = UiaEventQueue::getInstance()) {
         queue->post(new UiaEvent(UIA_EVENT_QUIT));
     }
 }
@@ -231,8 +270,10 @@ void Uia::detach() {
 int Uia::setup(const std::wstring& title, const std::wstring& classRegex, int targetPid, int timeoutMs) {
     TOLVA_LOG(logger, 7, "title: " << title << ", class: " << classRegex << ", pid: " << targetPid
                                    << ", to: " << timeoutMs);
-    auto thread = reinterpret_cast<HANDLE>(
-        _beginthreadex(nullptr, DISPATCH_STACK_SIZE, &Uia::uiaThreadProc, this, 0, nullptr));
+    HANDLE thread = startDispatchThread();
+    if (!thread) {
+        return 0;
+    }
     if (WaitForSingleObject(thread, START_WAIT_MS) == WAIT_OBJECT_0) {
         DWORD exitCode = 0;
         GetExitCodeThread(thread, &exitCode);
@@ -241,10 +282,17 @@ int Uia::setup(const std::wstring& title, const std::wstring& classRegex, int ta
         return 0;
     }
 
+    if (dispatchThread_) {
+        CloseHandle(dispatchThread_);
+    }
+    dispatchThread_ = thread;
     int found = 0;
     const int attempts = timeoutMs / 1000;
     for (int i = 0; i < attempts; ++i) {
-        UiaEventQueue* queue = UiaEventQueue::getInstance();
+        const std::shared_ptr<UiaEventQueue> queue = UiaEventQueue::getInstance();
+        if (!queue) {
+            break;  // the thread has ended meanwhile
+        }
         if (targetPid != 0) {
             TOLVA_LOG(logger, 9, "find via pid");
             if (queue->invokeNow(new ProcessByPidFinder(targetPid, viaHwnd)) != 0) {
@@ -280,14 +328,35 @@ int Uia::setup(const std::wstring& title, const std::wstring& classRegex, int ta
     if (found != 0) {
         pid = found;
         className = classRegex;
-        UiaEventQueue* queue = UiaEventQueue::getInstance();
-        queue->invokeLater(new Connector());
-        queue->invokeLater(new EventHandlerRegistrator(this));
+        if (auto queue = UiaEventQueue::getInstance()) {
+            queue->invokeLater(new Connector());
+            queue->invokeLater(new EventHandlerRegistrator(this));
+        }
     } else {
         detach();
     }
-    CloseHandle(thread);
     return found;
+}
+
+HANDLE Uia::startDispatchThread() {
+    auto thread = reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, DISPATCH_STACK_SIZE, &Uia::uiaThreadProc, this, 0, nullptr));
+    if (!thread) {
+        TOLVA_LOG(logger, 1, "Dispatch thread could not be started: " << errno);
+    }
+    return thread;
+}
+
+bool Uia::awaitDispatchEnd(DWORD timeoutMs) {
+    if (!dispatchThread_) {
+        return true;
+    }
+    if (WaitForSingleObject(dispatchThread_, timeoutMs) != WAIT_OBJECT_0) {
+        return false;
+    }
+    CloseHandle(dispatchThread_);
+    dispatchThread_ = nullptr;
+    return true;
 }
 
 void Uia::cacheExistingWindows() {
@@ -318,7 +387,7 @@ void Uia::removeEventHandler() {
 
 void Uia::processTerminated() {
     TOLVA_LOG(logger, 7, "");
-    if (UiaEventQueue* queue = UiaEventQueue::getInstance()) {
+    if (auto queue = UiaEventQueue::getInstance()) {
         queue->invokeLater(new Terminator());
     }
 }

@@ -14,8 +14,6 @@
 
 namespace tolva {
 
-extern IUIAutomation* automationObject;
-
 // Top-level windows that were there before the target started; the title
 // finder prefers a window that isn't among them.
 extern std::vector<HWND> existingWindows;
@@ -40,6 +38,9 @@ public:
     void detach();
 
     // --- attaching ---
+    // Whether the last dispatch thread has ended (true if there was none),
+    // waiting for it up to the time given. Java's attaching thread only.
+    bool awaitDispatchEnd(DWORD timeoutMs);
     int setup(const std::wstring& title, const std::wstring& className, int pid, int timeoutMs);
     void cacheExistingWindows();
     void registerEventHandler(std::int32_t mode);
@@ -84,6 +85,12 @@ public:
 
 private:
     Uia();
+    HANDLE startDispatchThread();  // 0 on failure, logged
+    // Gives the automation object up at the end of the dispatch thread; waits,
+    // bounded, for the Java threads still using it.
+    void releaseAutomation();
+
+    HANDLE dispatchThread_ = nullptr;  // the last one started, until seen ended
 };
 
 }  // namespace tolva

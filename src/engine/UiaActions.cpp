@@ -140,7 +140,7 @@ void postQuit(DWORD threadId) {
 
 std::int32_t Uia::highlight(Handle handle, int duration, int color) {
     TOLVA_LOG(logger, 7, "c: " << std::hex << handle << std::dec << ", d: " << duration << ", col: " << color);
-    UiaEventQueue* queue = UiaEventQueue::getInstance();
+    const auto queue = UiaEventQueue::getInstance();
     return queue ? queue->invokeNow(new HighlightRunner(handle, duration, color)) : 0;
 }
 
@@ -148,7 +148,7 @@ void Uia::enableCheckMode(bool enable, std::int32_t mode) {
     TOLVA_LOG(logger, 7, "enable: " << enable << ", mode: " << mode);
     // Without a dispatch thread (detached, or never attached) there is no
     // check mode to start or to end.
-    if (UiaEventQueue* queue = UiaEventQueue::getInstance()) {
+    if (auto queue = UiaEventQueue::getInstance()) {
         queue->invokeLater(new CheckerRegistrator(enable));
     }
 }

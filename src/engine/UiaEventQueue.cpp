@@ -2,13 +2,18 @@
 
 #include "bridge/Logging.h"
 
+#include <mutex>
+
 namespace tolva {
 
 namespace {
 
 Logger& logger = Log::getLogger("tolva.uia.UiaEventQueue");
 
-UiaEventQueue* instance = nullptr;
+// The current queue. Never destroyed itself, like its lock: a poster may
+// come at any time, also while the process ends.
+std::mutex instanceLock;
+std::shared_ptr<UiaEventQueue>* const instance = new std::shared_ptr<UiaEventQueue>();
 
 // Wake for the queue's event or for these inputs; keys, paint and hot keys
 // wait for the next entry.
@@ -36,39 +41,78 @@ UiaEventQueue::UiaEventQueue(DWORD threadId)
 }
 
 UiaEventQueue::~UiaEventQueue() {
-    // Entries still queued are neither run nor freed: a run-now entry belongs
-    // to the thread that waits for it.
+    // end() has emptied the queue; entries that came later were turned away.
     DeleteCriticalSection(&lock_);
     CloseHandle(wakeEvent_);
 }
 
 void UiaEventQueue::create(DWORD threadId) {
-    if (instance) {
+    std::lock_guard<std::mutex> guard(instanceLock);
+    if (*instance) {
         TOLVA_LOG(logger, 1, "Already created");
         return;
     }
     TOLVA_LOG(logger, 7, "tid: " << threadId);
-    instance = new UiaEventQueue(threadId);
+    instance->reset(new UiaEventQueue(threadId), [](UiaEventQueue* queue) { delete queue; });
 }
 
-UiaEventQueue* UiaEventQueue::getInstance() {
-    if (!instance) {
+std::shared_ptr<UiaEventQueue> UiaEventQueue::getInstance() {
+    std::shared_ptr<UiaEventQueue> queue;
+    {
+        std::lock_guard<std::mutex> guard(instanceLock);
+        queue = *instance;
+    }
+    if (!queue) {
         TOLVA_LOG(logger, 3, "No event queue");
     }
-    return instance;
+    return queue;
 }
 
 void UiaEventQueue::destroy() {
     TOLVA_LOG(logger, 7, "");
-    delete instance;
-    instance = nullptr;
+    std::shared_ptr<UiaEventQueue> ending;
+    {
+        std::lock_guard<std::mutex> guard(instanceLock);
+        ending.swap(*instance);
+    }
+    if (ending) {
+        ending->end();
+    }
+}
+
+void UiaEventQueue::end() {
+    std::deque<UiaEvent*> left;
+    EnterCriticalSection(&lock_);
+    ended_ = true;
+    left.swap(entries_);
+    LeaveCriticalSection(&lock_);
+    TOLVA_LOG(logger, 9, "left: " << left.size());
+    for (UiaEvent* event : left) {
+        if (event->id == UIA_EVENT_RUN_NOW) {
+            // Belongs to its waiting caller, who gets the default result.
+            SetEvent(static_cast<UiaRunEvent*>(event)->doneEvent);
+        } else {
+            delete event;
+        }
+    }
+}
+
+bool UiaEventQueue::enqueue(UiaEvent* event) {
+    EnterCriticalSection(&lock_);
+    const bool taken = !ended_;
+    if (taken) {
+        entries_.push_back(event);
+        SetEvent(wakeEvent_);
+    }
+    LeaveCriticalSection(&lock_);
+    return taken;
 }
 
 void UiaEventQueue::post(UiaEvent* event) {
-    EnterCriticalSection(&lock_);
-    entries_.push_back(event);
-    SetEvent(wakeEvent_);
-    LeaveCriticalSection(&lock_);
+    if (!enqueue(event)) {
+        TOLVA_LOG(logger, 9, "ended, dropped: " << event->id);
+        delete event;
+    }
 }
 
 UiaEvent* UiaEventQueue::next() {
@@ -83,8 +127,10 @@ UiaEvent* UiaEventQueue::next() {
         LeaveCriticalSection(&lock_);
         DWORD waited = MsgWaitForMultipleObjects(1, &wakeEvent_, FALSE, IDLE_WAIT_MS, WAKE_MASK);
         if (waited == WAIT_TIMEOUT) {
-            // Appended without the lock, from the only thread that takes entries.
-            entries_.push_back(new UiaEvent(UIA_EVENT_IDLE));
+            auto* idle = new UiaEvent(UIA_EVENT_IDLE);
+            EnterCriticalSection(&lock_);
+            entries_.push_back(idle);
+            LeaveCriticalSection(&lock_);
         } else {
             MSG msg;
             while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
@@ -111,9 +157,11 @@ std::int32_t UiaEventQueue::invokeNow(Runnable* runner) {
     if (GetCurrentThreadId() == threadId_) {
         // On the dispatch thread itself: run at once, nothing to wait for.
         event.result = (*runner)();
-    } else {
-        post(&event);
+    } else if (enqueue(&event)) {
+        // Ends when the work has run, or unrun when the queue ends.
         WaitForSingleObject(event.doneEvent, INFINITE);
+    } else {
+        TOLVA_LOG(logger, 5, "ended, not run: " << static_cast<void*>(runner));
     }
     return event.result;
 }

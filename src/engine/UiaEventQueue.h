@@ -1,5 +1,9 @@
 // The work queue of the dispatch thread. Any thread may post; only the
 // dispatch thread takes entries, pumping its Windows messages while it waits.
+// At the end of the dispatch loop the queue ends: it takes no more work, and
+// every entry still in it is completed without running, so that no caller
+// waits for work that will never run. A poster may keep the queue as long as
+// it likes; an ended queue turns its work away at once.
 #pragma once
 
 #include "engine/Runnable.h"
@@ -8,6 +12,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 
 namespace tolva {
 
@@ -45,14 +50,18 @@ public:
 class UiaEventQueue {
 public:
     static void create(DWORD threadId);
-    static UiaEventQueue* getInstance();  // logs "No event queue" when there is none
+    // The current queue, or null (logged "No event queue").
+    static std::shared_ptr<UiaEventQueue> getInstance();
+    // Ends the current queue (see above) and forgets it; dispatch thread.
     static void destroy();
 
-    void post(UiaEvent* event);  // takes ownership
-    UiaEvent* next();            // dispatch thread; ownership to the caller
+    // Takes ownership; an ended queue deletes the event unrun.
+    void post(UiaEvent* event);
+    UiaEvent* next();  // dispatch thread; ownership to the caller
 
     void invokeLater(Runnable* runner);
     void invokeLaterQuiet(Runnable* runner);
+    // The runner's result; 0 if the queue has ended before the runner ran.
     std::int32_t invokeNow(Runnable* runner);
 
     DWORD threadId() const { return threadId_; }
@@ -60,11 +69,14 @@ public:
 private:
     explicit UiaEventQueue(DWORD threadId);
     ~UiaEventQueue();
+    bool enqueue(UiaEvent* event);  // false, with the event untouched, once ended
+    void end();
 
     std::deque<UiaEvent*> entries_;
     CRITICAL_SECTION lock_;
     HANDLE wakeEvent_;
     DWORD threadId_;
+    bool ended_ = false;  // guarded by lock_
 };
 
 }  // namespace tolva

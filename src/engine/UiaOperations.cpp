@@ -199,7 +199,11 @@ std::int32_t Uia::enableEventListeners(std::int32_t mode) {
     if (mode == UiaAutoEventHandler::listenersMode()) {
         return mode;
     }
-    UiaEventQueue::getInstance()->invokeNow(new EventHandlerRegistrator(this, mode));
+    // Without a connection there is nothing to install now; the mode holds
+    // for the next one.
+    if (auto queue = UiaEventQueue::getInstance()) {
+        queue->invokeNow(new EventHandlerRegistrator(this, mode));
+    }
     UiaAutoEventHandler::setListenersMode(mode);
     return mode;
 }

@@ -114,6 +114,9 @@ void EventFilter::detachThread() {
         }
     }
     callback_ = nullptr;
+    // The cached classes are local references of this thread and go with its
+    // detach; a dispatch thread of a later connection loads them anew.
+    classCache().clear();
     javaVM_->DetachCurrentThread();
 }
 

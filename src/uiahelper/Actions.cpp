@@ -39,7 +39,11 @@ ElementPtr ParentOf(IUIAutomationElement* element) {
 // The desktop, or null with a level-1 line: without it no walk up can end.
 ElementPtr ReadDesktop() {
     ElementPtr desktop;
-    if (FAILED(tolva::automationObject->GetRootElement(desktop.put())) || !desktop) {
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return desktop;  // no connection any more: nothing to walk up to
+    }
+    if (FAILED(automation->GetRootElement(desktop.put())) || !desktop) {
         TOLVA_LOG(logger, 1, "No root");
         desktop.reset();
     }
@@ -47,8 +51,9 @@ ElementPtr ReadDesktop() {
 }
 
 bool SameElement(IUIAutomationElement* element, IUIAutomationElement* other) {
+    const tolva::AutomationRef automation = tolva::automation();
     BOOL same = FALSE;
-    const HRESULT hr = tolva::automationObject->CompareElements(element, other, &same);
+    const HRESULT hr = automation ? automation->CompareElements(element, other, &same) : E_FAIL;
     return SUCCEEDED(hr) && same == 1;
 }
 

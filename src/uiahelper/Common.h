@@ -7,11 +7,24 @@
 #include <uiautomation.h>
 #include <windows.h>
 
+#include <memory>
 #include <vector>
 
 namespace tolva {
-// The one automation object of the process, made by the dispatch thread.
-extern IUIAutomation* automationObject;
+
+// A use of the one automation object of the process. The object is made by
+// the dispatch thread and given up at its end; a use keeps it alive until the
+// use ends, so that a Java thread in the middle of a call can finish it.
+using AutomationRef = std::shared_ptr<IUIAutomation>;
+
+// A use of the current automation object; empty when there is none (before
+// the first attach, after a detach, a failed attach or the target's end).
+AutomationRef automation();
+// The dispatch thread's side: takes over the caller's reference of a newly
+// made object, and gives the current one up, handing back the last owner.
+void installAutomation(IUIAutomation* created);
+AutomationRef withdrawAutomation();
+
 }  // namespace tolva
 
 namespace UiaHelper {

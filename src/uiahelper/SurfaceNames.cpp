@@ -3,7 +3,6 @@
 
 #include "uiahelper/ComPtr.h"
 
-using tolva::automationObject;
 using tolva::Bstr;
 using tolva::ComPtr;
 
@@ -95,7 +94,8 @@ int ControlTypeIdFromName(const std::wstring& name) {
 std::wstring GetPatternName(PATTERNID pattern) {
     std::wstring name = NAME_NOT_READ;
     Bstr programmatic;
-    HRESULT hr = automationObject->GetPatternProgrammaticName(pattern, programmatic.put());
+    const tolva::AutomationRef automation = tolva::automation();
+    HRESULT hr = automation ? automation->GetPatternProgrammaticName(pattern, programmatic.put()) : E_FAIL;
     if (SUCCEEDED(hr) && programmatic.get()) {
         name = programmatic.text();
         const std::wstring::size_type word = name.find(L"Pattern");

@@ -7,7 +7,6 @@
 #include "uiahelper/Regex.h"
 
 
-using tolva::automationObject;
 using tolva::ComPtr;
 
 namespace UiaHelper {
@@ -62,14 +61,18 @@ void AppendHostedWindows(IUIAutomationElement* frame, IUIAutomationCondition* co
 
 ElementList GetToplevelsForPid(int pid) {
     ElementList result;
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return result;
+    }
     ComPtr<IUIAutomationCondition> condition;
-    HRESULT hr = automationObject->CreateTrueCondition(condition.put());
+    HRESULT hr = automation->CreateTrueCondition(condition.put());
     if (FAILED(hr)) {
         TOLVA_LOG(logger, 1, "Failed to create a condition " << std::hex << hr);
         return result;
     }
     ComPtr<IUIAutomationElement> desktop;
-    hr = automationObject->GetRootElement(desktop.put());
+    hr = automation->GetRootElement(desktop.put());
     if (FAILED(hr)) {
         TOLVA_LOG(logger, 1, "Failed to get root " << std::hex << hr);
         return result;
@@ -104,6 +107,10 @@ ElementList GetToplevelsForPid(int pid) {
 
 ElementList GetToplevelsForPidViaHWND(int pid) {
     ElementList result;
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return result;
+    }
     for (HWND hwnd : VisibleWindows()) {
         DWORD windowPid = 0;
         GetWindowThreadProcessId(hwnd, &windowPid);
@@ -111,7 +118,7 @@ ElementList GetToplevelsForPidViaHWND(int pid) {
             continue;
         }
         IUIAutomationElement* element = nullptr;
-        automationObject->ElementFromHandle(hwnd, &element);  // a failure leaves a null entry
+        automation->ElementFromHandle(hwnd, &element);  // a failure leaves a null entry
         TOLVA_LOG(logger, 9, "Found: " << static_cast<void*>(hwnd) << ", el: " << static_cast<void*>(element));
         result.push_back(element);
     }
@@ -119,14 +126,15 @@ ElementList GetToplevelsForPidViaHWND(int pid) {
 }
 
 IUIAutomationElement* GetToplevelByClassName(const std::wstring& classRegex) {
+    const tolva::AutomationRef automation = tolva::automation();
     ComPtr<IUIAutomationElement> desktop;
-    if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+    if (!automation || FAILED(automation->GetRootElement(desktop.put())) || !desktop) {
         return nullptr;
     }
     ComPtr<IUIAutomationElementArray> children;
     {
         ComPtr<IUIAutomationCondition> condition;
-        automationObject->CreateTrueCondition(condition.put());
+        automation->CreateTrueCondition(condition.put());
         desktop->FindAll(TreeScope_Children, condition.get(), children.put());
     }
     if (!children) {
@@ -159,10 +167,14 @@ IUIAutomationElement* GetToplevelByTitleViaHWND(const std::wstring& titleRegex) 
         TOLVA_LOG(logger, 1, pattern.error());
         return nullptr;
     }
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return nullptr;
+    }
     for (HWND hwnd : VisibleWindows()) {
         if (pattern.matches(GetWindowTextViaMessage(hwnd))) {
             IUIAutomationElement* element = nullptr;
-            automationObject->ElementFromHandle(hwnd, &element);
+            automation->ElementFromHandle(hwnd, &element);
             return element;
         }
     }

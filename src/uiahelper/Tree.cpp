@@ -8,7 +8,6 @@
 
 #include <algorithm>
 
-using tolva::automationObject;
 using tolva::ComPtr;
 using tolva::Preferences;
 
@@ -95,11 +94,12 @@ bool EnumWindowsTraversalCallback::operator()(IUIAutomationElement* element, int
 }
 
 void TraverseTree(IUIAutomationElement* root, TraversalCallback& callback) {
-    if (!root) {
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!root || !automation) {
         return;
     }
     ComPtr<IUIAutomationTreeWalker> walker;
-    automationObject->get_RawViewWalker(walker.put());
+    automation->get_RawViewWalker(walker.put());
     if (!walker) {
         TOLVA_LOG(logger, 1, "Error: No walker");
         return;
@@ -139,8 +139,12 @@ ElementList GetChildren(IUIAutomationElement* element) {
     std::wstring type;
     GetControlType(element, type);
     const bool comboBox = type == L"ComboBox";
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return children;
+    }
     ComPtr<IUIAutomationTreeWalker> walker;
-    HRESULT hr = automationObject->get_RawViewWalker(walker.put());
+    HRESULT hr = automation->get_RawViewWalker(walker.put());
     if (FAILED(hr) || !walker) {
         TOLVA_LOG(logger, 1, "hr: " << std::hex << hr);
         return children;
@@ -189,8 +193,12 @@ bool HasAncestorWithPid(IUIAutomationElement* element, int pid) {
 }
 
 IUIAutomationElement* GetElementFromPoint(POINT point) {
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return nullptr;
+    }
     IUIAutomationElement* element = nullptr;
-    HRESULT hr = automationObject->ElementFromPoint(point, &element);
+    HRESULT hr = automation->ElementFromPoint(point, &element);
     TOLVA_LOG(logger, 9, "hr: " << std::hex << hr << ", el: " << static_cast<void*>(element));
     return element;
 }
@@ -203,15 +211,19 @@ ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstr
         TOLVA_LOG(logger, 1, pattern.error());
         return hits;
     }
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return hits;
+    }
     ComPtr<IUIAutomationElement> desktop;
     if (!root) {
-        if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+        if (FAILED(automation->GetRootElement(desktop.put())) || !desktop) {
             return hits;
         }
         root = desktop.get();
     }
     ComPtr<IUIAutomationCondition> condition;
-    automationObject->CreateTrueCondition(condition.put());
+    automation->CreateTrueCondition(condition.put());
     ComPtr<IUIAutomationElementArray> found;
     root->FindAll(static_cast<TreeScope>(scope), condition.get(), found.put());
     int length = 0;
@@ -256,9 +268,13 @@ IUIAutomationElement* GetElementByTypeAndName(IUIAutomationElement* root, const 
 ElementList GetElementsByProperty(IUIAutomationElement* root, PROPERTYID property, const VARIANT& value,
                                   int scope) {
     ElementList found;
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return found;
+    }
     ComPtr<IUIAutomationElement> desktop;
     if (!root) {
-        if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+        if (FAILED(automation->GetRootElement(desktop.put())) || !desktop) {
             return found;
         }
         root = desktop.get();
@@ -266,7 +282,7 @@ ElementList GetElementsByProperty(IUIAutomationElement* root, PROPERTYID propert
     ComPtr<IUIAutomationElementArray> array;
     {
         ComPtr<IUIAutomationCondition> condition;
-        automationObject->CreatePropertyCondition(property, value, condition.put());
+        automation->CreatePropertyCondition(property, value, condition.put());
         if (condition) {
             root->FindAll(static_cast<TreeScope>(scope), condition.get(), array.put());
         }

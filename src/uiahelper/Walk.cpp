@@ -4,7 +4,6 @@
 #include "bridge/Logging.h"
 #include "uiahelper/ComPtr.h"
 
-using tolva::automationObject;
 using tolva::ComPtr;
 
 namespace UiaHelper {
@@ -14,8 +13,12 @@ tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
 }  // namespace
 
 IUIAutomationElement* GetParent(IUIAutomationElement* element) {
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!automation) {
+        return nullptr;
+    }
     ComPtr<IUIAutomationTreeWalker> walker;
-    HRESULT hr = automationObject->get_RawViewWalker(walker.put());
+    HRESULT hr = automation->get_RawViewWalker(walker.put());
     if (FAILED(hr) || !walker) {
         TOLVA_LOG(logger, 1, "hr: " << std::hex << hr);
         return nullptr;
@@ -26,15 +29,16 @@ IUIAutomationElement* GetParent(IUIAutomationElement* element) {
 }
 
 bool IsDesktopElement(IUIAutomationElement* element) {
-    if (!element) {
+    const tolva::AutomationRef automation = tolva::automation();
+    if (!element || !automation) {
         return false;
     }
     ComPtr<IUIAutomationElement> desktop;
-    if (FAILED(automationObject->GetRootElement(desktop.put())) || !desktop) {
+    if (FAILED(automation->GetRootElement(desktop.put())) || !desktop) {
         return false;
     }
     BOOL same = FALSE;
-    HRESULT hr = automationObject->CompareElements(element, desktop.get(), &same);
+    HRESULT hr = automation->CompareElements(element, desktop.get(), &same);
     return SUCCEEDED(hr) && same == 1;
 }
 

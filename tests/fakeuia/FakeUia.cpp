@@ -346,6 +346,13 @@ void Node::clearFailures() {
     d_->nullStrings.clear();
 }
 
+void Node::beforeRead(std::function<void(const std::string& method)> hook) {
+    std::function<void(const std::string&)> old;  // destroyed without the lock
+    std::lock_guard<std::mutex> lock(state_->mu);
+    old.swap(d_->beforeRead);
+    d_->beforeRead = std::move(hook);
+}
+
 void Node::attachPattern(PATTERNID pattern, std::shared_ptr<PatternSource> source) {
     std::shared_ptr<PatternSource> old;  // released without the lock
     std::lock_guard<std::mutex> lock(state_->mu);

@@ -60,6 +60,7 @@
 #include <uiautomation.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -205,6 +206,10 @@ public:
     void nullString(const std::string& getter);
     void clearFailure(const std::string& methodOrGetter);
     void clearFailures();
+    // Called on the reading thread, without the lock, before each property
+    // read (get_Current*, GetCurrentPropertyValue[Ex]) on an element of this
+    // node, with the method name: a test can hold a reader there. Empty: none.
+    void beforeRead(std::function<void(const std::string& method)> hook);
 
     // Patterns: GetCurrentPattern(As) of an element of this node asks the
     // source; the Is<Pattern>Available properties answer TRUE for attached ones.

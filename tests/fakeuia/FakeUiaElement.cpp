@@ -269,10 +269,21 @@ private:
         return d.alive ? S_OK : kElementNotAvailable;
     }
 
+    // The test's hook of the node, called without the lock.
+    void beforeRead(const char* method) const {
+        std::function<void(const std::string&)> hook;
+        {
+            std::lock_guard<std::mutex> lock(state_->mu);
+            hook = D(node_).beforeRead;
+        }
+        if (hook) hook(method);
+    }
+
     template <class T, class F>
     HRESULT getValue(const char* method, T* out, F read) {
         if (!out) return E_POINTER;
         *out = T{};
+        beforeRead(method);
         std::lock_guard<std::mutex> lock(state_->mu);
         HRESULT hr = checkLocked(method);
         if (hr != S_OK) return hr;
@@ -284,6 +295,7 @@ private:
     HRESULT getString(const char* method, BSTR* out, F read) {
         if (!out) return E_POINTER;
         *out = nullptr;
+        beforeRead(method);
         std::wstring value;
         {
             std::lock_guard<std::mutex> lock(state_->mu);
@@ -329,6 +341,7 @@ private:
     HRESULT propertyValue(const char* method, PROPERTYID id, BOOL ignoreDefault, VARIANT* value) {
         if (!value) return E_POINTER;
         VariantInit(value);
+        beforeRead(method);
         std::lock_guard<std::mutex> lock(state_->mu);
         HRESULT hr = checkLocked(method);
         if (hr != S_OK) return hr;

@@ -4,6 +4,7 @@
 #include "FakeUia.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -49,6 +50,7 @@ struct NodeData {
     NodeSpec spec;  // runtimeId always set (empty vector: none)
     std::map<std::string, HRESULT> failures;
     std::set<std::string> nullStrings;
+    std::function<void(const std::string&)> beforeRead;
     std::map<PATTERNID, std::shared_ptr<PatternSource>> patterns;
     Node* labeledBy = nullptr;
     std::vector<Node*> controllerFor;

@@ -15,6 +15,17 @@ bool waitUntil(const std::function<bool()>& condition, unsigned timeoutMs) {
     return true;
 }
 
+bool waitForDispatchThreadsToEnd(unsigned timeoutMs) {
+    auto count = [](const char* word) {
+        size_t n = 0;
+        for (const LogLine& line : LogFile::find(word, 5)) {
+            n += line.logger == "tolva.Uia" && line.message == word ? 1 : 0;
+        }
+        return n;
+    };
+    return waitUntil([&] { return count("Done") == count("Start"); }, timeoutMs);
+}
+
 std::string pendingException(jnihost::JavaHost& host) {
     auto thrown = host.pendingException();
     if (!thrown) {
@@ -25,7 +36,7 @@ std::string pendingException(jnihost::JavaHost& host) {
 }
 
 void DriverTest::SetUp() {
-    LogFile::configure();
+    LogFile::configure(logLevels());
     ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
     platform = std::make_unique<fakeuia::Platform>();
     platform->install();

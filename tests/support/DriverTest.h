@@ -23,6 +23,8 @@ class DriverTest : public ::testing::Test {
 protected:
     // Host options must be chosen before SetUp; a test fixture may override.
     virtual jnihost::JavaHost::Options hostOptions() const { return {}; }
+    // The driver's log levels (TOLVA_LOG_LEVELS); a long test may log less.
+    virtual const wchar_t* logLevels() const { return L"*=10"; }
 
     void SetUp() override;
     void TearDown() override;
@@ -57,6 +59,10 @@ protected:
 };
 
 bool waitUntil(const std::function<bool()>& condition, unsigned timeoutMs);
+
+// Waits until every dispatch thread that started has ended (as the log of
+// tolva.Uia at level 5 tells).
+bool waitForDispatchThreadsToEnd(unsigned timeoutMs);
 
 // The calling thread's pending Java exception as "class: message", or "".
 std::string pendingException(jnihost::JavaHost& host);

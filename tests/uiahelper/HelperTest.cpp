@@ -16,11 +16,12 @@ void HelperTest::SetUp() {
     ASSERT_TRUE(SUCCEEDED(platform->install()));
     ASSERT_TRUE(SUCCEEDED(CoCreateInstance(CLSID_CUIAutomation, nullptr, CLSCTX_INPROC_SERVER, IID_IUIAutomation,
                                            reinterpret_cast<void**>(&automation))));
-    tolva::automationObject = automation;
+    automation->AddRef();
+    tolva::installAutomation(automation);  // the helpers' own reference
 }
 
 void HelperTest::TearDown() {
-    tolva::automationObject = nullptr;
+    tolva::withdrawAutomation().reset();
     if (automation) {
         automation->Release();
     }

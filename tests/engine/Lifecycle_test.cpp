@@ -1,0 +1,293 @@
+// The end of a connection as Java meets it: natives called after a detach, a
+// failed attach or the target's end; natives that are still running when the
+// end comes; and a second connection in the same process.
+#include "DriverTest.h"
+#include "ImportPatch.h"
+#include "TargetProcess.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <thread>
+
+using dwtest::DriverTest;
+using dwtest::LogFile;
+using dwtest::TargetProcess;
+
+namespace {
+
+const std::string EVENTS = "net/tolva/apps/cuebench/client/win/deskwright/event/";
+const std::string WIN_EVENT = EVENTS + "WinEvent";
+const std::string CALLBACK_EVENT = EVENTS + "CallbackEvent";
+const char* const DRIVER = "net/tolva/apps/cuebench/client/win/deskwright/DefaultDeskwright";
+const char* const FILTER_SIGNATURE = "(Lnet/tolva/apps/cuebench/client/win/deskwright/event/WinEvent;)Z";
+const unsigned BOUND_MS = 10000;
+
+// A manual-reset event that closes itself.
+class Signal {
+public:
+    Signal() : event_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~Signal() { CloseHandle(event_); }
+    void set() { SetEvent(event_); }
+    bool wait(DWORD ms) { return WaitForSingleObject(event_, ms) == WAIT_OBJECT_0; }
+
+private:
+    HANDLE event_;
+};
+
+// Work on a Java thread of its own. A thread that doesn't come back in time
+// is left behind (the process ends it), so that the test can still report.
+class JavaThread {
+public:
+    JavaThread(jnihost::JavaHost& host, std::function<void(JNIEnv*)> work)
+        : thread_([this, &host, work] {
+              JNIEnv* env = host.attachCurrentThread();
+              work(env);
+              host.detachCurrentThread();
+              done_.set();
+          }) {}
+    ~JavaThread() {
+        if (done_.wait(0)) {
+            thread_.join();
+        } else {
+            thread_.detach();
+        }
+    }
+    bool finishedWithin(DWORD ms) { return done_.wait(ms); }
+
+private:
+    Signal done_;
+    std::thread thread_;
+};
+
+// _beginthreadex as the driver meets it in a test: the first threads start,
+// then the C runtime refuses.
+using BeginThread = std::uintptr_t(__cdecl*)(void*, unsigned, unsigned(__stdcall*)(void*), void*, unsigned,
+                                             unsigned*);
+BeginThread realBeginThread = nullptr;
+std::atomic<int> threadsLetThrough{0};
+
+std::uintptr_t __cdecl refusingBeginThread(void* security, unsigned stack, unsigned(__stdcall* start)(void*),
+                                           void* arg, unsigned flags, unsigned* id) {
+    if (threadsLetThrough-- > 0) {
+        return realBeginThread(security, stack, start, arg, flags, id);
+    }
+    errno = EAGAIN;
+    return 0;
+}
+
+class Lifecycle : public DriverTest {
+protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        window = &addOwnWindow(L"Target main window");
+        fakeuia::NodeSpec button;
+        button.controlType = UIA_ButtonControlTypeId;
+        button.name = L"OK";
+        button.bounds = {20, 20, 80, 40};
+        window->add(button);
+    }
+    void TearDown() override {
+        window->beforeRead(nullptr);
+        if (attached) {
+            native<void>("DetachClient");
+            attached = false;
+        }
+        EXPECT_TRUE(dwtest::waitForDispatchThreadsToEnd(BOUND_MS));
+        DriverTest::TearDown();
+    }
+    std::wstring ownPidArgs() const { return L"-pid " + std::to_wstring(GetCurrentProcessId()); }
+    void connect(size_t connections) {
+        ASSERT_EQ(static_cast<jint>(GetCurrentProcessId()), attach(ownPidArgs(), 1000));
+        ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, connections, 5000)) << "no onConnect";
+    }
+    // The dispatch thread is held in Java (in filterEvent of a CallbackEvent)
+    // for a while, so that what is posted now stands behind what comes next.
+    void holdDispatchThreadInJava(DWORD ms) {
+        host->onCall(DRIVER, "filterEvent", FILTER_SIGNATURE,
+                     [this, ms](JNIEnv*, jobject, const std::vector<jnihost::Value>& args) {
+                         if (host->classNameOf(args[0].l) == CALLBACK_EVENT) {
+                             inJava.set();
+                             Sleep(ms);
+                         }
+                         return jnihost::Value::of(jboolean{JNI_TRUE});
+                     });
+        native<void>("TriggerThread");
+        ASSERT_TRUE(inJava.wait(5000));
+    }
+    // What the natives without a handle give when there is no connection.
+    void expectDefaults(const char* when) {
+        SCOPED_TRACE(when);
+        EXPECT_EQ(JNI_FALSE, native<jboolean>("IsUia8"));
+        EXPECT_EQ(JNI_FALSE, native<jboolean>("SetTimeouts", jint{1000}, jint{2000}));
+        jlongArray tops = native<jlongArray>("GetToplevels");
+        ASSERT_FALSE(host->isNull(tops));
+        EXPECT_TRUE(host->longs(tops).empty());
+        EXPECT_EQ(jlong{0}, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
+        EXPECT_EQ("", dwtest::pendingException(*host));
+    }
+
+    fakeuia::Node* window = nullptr;
+    Signal inJava;
+};
+
+}  // namespace
+
+TEST_F(Lifecycle, HandleFreeNativesAfterADetachOrAFailedAttachGiveTheirDefaults) {
+    connect(1);
+    EXPECT_NE(jlong{0}, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
+    detachAndWait();
+    expectDefaults("after a detach");
+
+    EXPECT_EQ(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId() + 4), 1000));
+    ASSERT_TRUE(waitForReleases(5000)) << platform->outstandingBreakdown();
+    expectDefaults("after a failed attach");
+}
+
+TEST_F(Lifecycle, NewListenerModesWithoutAConnectionAreIgnored) {
+    const struct {
+        const char* when;
+        std::function<void()> end;
+    } rows[] = {
+        {"after a detach", [this] { connect(1); detachAndWait(); }},
+        {"after a failed attach", [this] { EXPECT_EQ(0, attach(L"No such window", 1000)); }},
+    };
+    jint mode = 0x3;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.when);
+        row.end();
+        ASSERT_TRUE(waitForReleases(5000)) << platform->outstandingBreakdown();
+        const size_t handlers = platform->eventHandlers().size();
+        native<void>("EnableEventListeners", mode++);
+        EXPECT_EQ(handlers, platform->eventHandlers().size());
+    }
+}
+
+TEST_F(Lifecycle, AHandleNativeRunningWhenTheConnectionEndsComesBack) {
+    connect(1);
+    const jlong handle = handleOf(*window);
+    ASSERT_NE(jlong{0}, handle);
+    // The handle check reads the window's type once; the poller is held at
+    // its next read, inside the native's own work, until the end is over.
+    std::atomic<DWORD> poller{0};
+    std::atomic<int> typeReads{0};
+    Signal held;
+    Signal release;
+    window->beforeRead([&](const std::string& method) {
+        if (GetCurrentThreadId() == poller && method == "get_CurrentControlType" && ++typeReads == 2) {
+            held.set();
+            release.wait(BOUND_MS);
+        }
+    });
+    std::atomic<int> children{-1};
+    JavaThread java(*host, [&](JNIEnv* threadEnv) {
+        poller = GetCurrentThreadId();
+        jlongArray got = dll->call<jlongArray>("GetChildren", threadEnv, self, handle);
+        children = static_cast<int>(host->longs(got).size());
+    });
+    ASSERT_TRUE(held.wait(5000)) << "the poller never got inside the native";
+    detachAndWait();
+    release.set();
+    ASSERT_TRUE(java.finishedWithin(BOUND_MS));
+    EXPECT_EQ(0, children.load()) << "no automation object, no children";
+}
+
+TEST_F(Lifecycle, RunNowWorkBehindTheQuitComesBackWithItsDefault) {
+    connect(1);
+    const jlong handle = handleOf(*window);
+    holdDispatchThreadInJava(500);
+    native<void>("DetachClient");
+    attached = false;
+    JavaThread listeners(*host, [&](JNIEnv* threadEnv) {
+        dll->call<void>("EnableEventListeners", threadEnv, self, jint{0x3});
+    });
+    JavaThread highlight(*host, [&](JNIEnv* threadEnv) {
+        dll->call<void>("Highlight", threadEnv, self, handle, jint{100}, jint{0xff});
+    });
+    EXPECT_TRUE(listeners.finishedWithin(BOUND_MS)) << "EnableEventListeners waits for ever";
+    EXPECT_TRUE(highlight.finishedWithin(BOUND_MS)) << "Highlight waits for ever";
+    EXPECT_TRUE(LogFile::waitFor("Done", 5000, 5));
+}
+
+TEST_F(Lifecycle, ASecondConnectionRightAfterADetachIsWhole) {
+    connect(1);
+    const DWORD first = host->calls("filterEvent")[0].threadId;
+    holdDispatchThreadInJava(300);
+    native<void>("DetachClient");
+    connect(2);
+    EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected"));
+    EXPECT_EQ(1u, host->globalRefCount()) << "the new callback object";
+
+    host->onCall(DRIVER, "filterEvent", FILTER_SIGNATURE,
+                 [](JNIEnv*, jobject, const std::vector<jnihost::Value>&) {
+                     return jnihost::Value::of(jboolean{JNI_TRUE});
+                 });
+    native<void>("TriggerThread");
+    ASSERT_TRUE(host->waitForConstructions(CALLBACK_EVENT, 2, 5000));
+    const DWORD second = host->constructions(CALLBACK_EVENT)[1].threadId;
+    EXPECT_NE(first, second) << "a new dispatch thread";
+    EXPECT_EQ(2u, host->constructions(WIN_EVENT).size()) << "two connects, no terminate";
+    std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
+    EXPECT_EQ(1u, tops.size());
+}
+
+TEST_F(Lifecycle, AnOldTargetsEndLeavesTheNextConnectionAlone) {
+    TargetProcess old(L"Old Target");
+    ASSERT_TRUE(old.ready()) << "target.exe did not start";
+    fakeuia::NodeSpec spec;
+    spec.controlType = UIA_WindowControlTypeId;
+    spec.name = L"Old Target";
+    spec.processId = static_cast<int>(old.pid());
+    spec.nativeWindowHandle = old.window();
+    platform->desktop().add(spec);
+    ASSERT_EQ(static_cast<jint>(old.pid()), attach(L"-pid " + std::to_wstring(old.pid()), 1000));
+    ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, 1, 5000));
+    detachAndWait();
+
+    connect(2);
+    old.kill();
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(old.process(), 5000));
+    EXPECT_FALSE(host->waitForConstructions(WIN_EVENT, 3, 1500)) << "a terminate for the new connection";
+    EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected"));
+    native<void>("TriggerThread");
+    EXPECT_TRUE(host->waitForConstructions(CALLBACK_EVENT, 1, 5000)) << "the new connection still runs";
+}
+
+TEST_F(Lifecycle, HandleFreeNativesAfterTheTargetsEndGiveTheirDefaults) {
+    TargetProcess target(L"Short Lived");
+    ASSERT_TRUE(target.ready()) << "target.exe did not start";
+    fakeuia::NodeSpec spec;
+    spec.controlType = UIA_WindowControlTypeId;
+    spec.name = L"Short Lived";
+    spec.processId = static_cast<int>(target.pid());
+    spec.nativeWindowHandle = target.window();
+    spec.bounds = {500, 500, 600, 600};
+    platform->desktop().add(spec);
+    ASSERT_NE(0, attach(L"-pid " + std::to_wstring(target.pid()), 1000));
+    ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, 1, 5000));
+    target.kill();
+    ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, 2, 5000)) << "no terminate";
+    ASSERT_TRUE(LogFile::waitFor("Done", 5000, 5));
+    attached = false;
+    expectDefaults("after the target's end");
+}
+
+TEST_F(Lifecycle, ThreadsThatCannotStartLeaveNoHalfConnection) {
+    dwtest::ImportPatch patch(dll->module(), "_beginthreadex", reinterpret_cast<void*>(&refusingBeginThread));
+    ASSERT_TRUE(patch.applied()) << "the driver imports no _beginthreadex";
+    realBeginThread = reinterpret_cast<BeginThread>(patch.original());
+
+    threadsLetThrough = 0;  // no dispatch thread
+    EXPECT_EQ(0, attach(ownPidArgs(), 1000));
+    EXPECT_EQ(JNI_FALSE, native<jboolean>("IsConnected"));
+    expectDefaults("without a dispatch thread");
+
+    threadsLetThrough = 1;  // a dispatch thread, but no shutdown thread
+    connect(1);
+    EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected"));
+    native<void>("TriggerThread");
+    EXPECT_TRUE(host->waitForConstructions(CALLBACK_EVENT, 1, 5000)) << "the connection works";
+    detachAndWait();
+    EXPECT_EQ(JNI_FALSE, native<jboolean>("IsConnected"));
+}
