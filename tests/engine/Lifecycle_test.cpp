@@ -214,10 +214,11 @@ TEST_F(Lifecycle, ASecondConnectionRightAfterADetachIsWhole) {
     connect(1);
     const DWORD first = host->calls("filterEvent")[0].threadId;
     holdDispatchThreadInJava(300);
+    // The callback object and the classes of the connect and callback events.
+    const size_t connectedRefs = host->globalRefCount();
     native<void>("DetachClient");
     connect(2);
     EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected"));
-    EXPECT_EQ(1u, host->globalRefCount()) << "the new callback object";
 
     host->onCall(DRIVER, "filterEvent", FILTER_SIGNATURE,
                  [](JNIEnv*, jobject, const std::vector<jnihost::Value>&) {
@@ -227,6 +228,7 @@ TEST_F(Lifecycle, ASecondConnectionRightAfterADetachIsWhole) {
     ASSERT_TRUE(host->waitForConstructions(CALLBACK_EVENT, 2, 5000));
     const DWORD second = host->constructions(CALLBACK_EVENT)[1].threadId;
     EXPECT_NE(first, second) << "a new dispatch thread";
+    EXPECT_EQ(connectedRefs, host->globalRefCount()) << "the new callback object and classes, none of the old";
     EXPECT_EQ(2u, host->constructions(WIN_EVENT).size()) << "two connects, no terminate";
     std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
     EXPECT_EQ(1u, tops.size());
