@@ -41,6 +41,7 @@ void EventFilter::setJavaVM(JavaVM* vm) {
 
 void EventFilter::setJavaCallbackObject(JNIEnv* env, jobject callback) {
     TOLVA_LOG(logger, 7, "env: " << env << ", cb:" << callback);
+    if (callback_ && env->IsSameObject(callback_, callback)) return;  // in use on the dispatch thread
     if (callback_) {
         env->DeleteGlobalRef(callback_);
     }
