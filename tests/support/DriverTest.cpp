@@ -25,7 +25,7 @@ std::string pendingException(jnihost::JavaHost& host) {
 }
 
 void DriverTest::SetUp() {
-    LogFile::configure();
+    LogFile::configure(logLevels());
     ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
     platform = std::make_unique<fakeuia::Platform>();
     platform->install();
@@ -49,7 +49,7 @@ void DriverTest::TearDown() {
     for (const std::string& call : platform->unsupportedCalls()) {
         ADD_FAILURE() << "unsupported automation call: " << call;
     }
-    if (HasFailure()) {
+    if (HasFailure() && dumpLogOnFailure) {
         std::cerr << "---- driver log ----\n" << LogFile::dump() << "--------------------\n";
     }
     platform->uninstall();

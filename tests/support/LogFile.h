@@ -17,9 +17,9 @@ struct LogLine {
 
 class LogFile {
 public:
-    // Points TOLVA_LOG_FILE and TOLVA_LOG_LEVELS (every logger at 10) at a new
+    // Points TOLVA_LOG_FILE and TOLVA_LOG_LEVELS (by default every logger at 10) at a new
     // file of this process; must run before the driver is loaded.
-    static void configure();
+    static void configure(const std::wstring& levels = L"*=10");
     static const std::wstring& path();
 
     static std::vector<LogLine> lines();
