@@ -42,5 +42,6 @@ exec unshare --mount --propagation private -- bash -c '
     HOME=/tmp/home LANG=C.UTF-8 TERM="${TERM:-dumb}" \
     CI="${CI:-}" DESKWRIGHT_IN_TOOLCHAIN=1 DESKWRIGHT_BUILD_DIR="${DESKWRIGHT_BUILD_DIR:-}" \
     DESKWRIGHT_DISPLAY="${DESKWRIGHT_DISPLAY:-}" CTEST_ARGS="${CTEST_ARGS:-}" \
+    DESKWRIGHT_FUZZ_CALLS="${DESKWRIGHT_FUZZ_CALLS:-}" DESKWRIGHT_FUZZ_SEED="${DESKWRIGHT_FUZZ_SEED:-}" \
     bash -c "mkdir -p /tmp/home && cd /src/$rel && exec \"\$@\"" _ "$@"
 ' _ "$ROOT" "$REPO" "$rel" "$@"

@@ -71,6 +71,9 @@ jobjectArray toJavaAttributes(JNIEnv* env, const std::wstring* entries, std::siz
 }
 
 Array<Handle> fromJavaHandles(JNIEnv* env, jlongArray handles) {
+    if (!handles) {
+        return Array<Handle>();
+    }
     const jsize length = env->GetArrayLength(handles);
     Array<Handle> result(length);
     jlong* values = env->GetLongArrayElements(handles, nullptr);

@@ -22,6 +22,7 @@ public:
     PinnedString& operator=(const PinnedString&) = delete;
 
     std::wstring str() const { return chars_ ? std::wstring(chars()) : std::wstring(); }
+    bool isNull() const { return text_ == nullptr; }
     const wchar_t* chars() const { return reinterpret_cast<const wchar_t*>(chars_); }
 
 private:
@@ -53,7 +54,7 @@ jlongArray toJavaHandles(JNIEnv* env, const Array<Handle>& handles);
 jobjectArray toJavaStrings(JNIEnv* env, const Array<std::wstring>& strings);
 // Flat attribute results: every entry equal to NULL_ATTRIBUTE stays null.
 jobjectArray toJavaAttributes(JNIEnv* env, const std::wstring* entries, std::size_t count);
-// The low words of a long[], released at once.
+// The low words of a long[], released at once; a null array is empty.
 Array<Handle> fromJavaHandles(JNIEnv* env, jlongArray handles);
 
 }  // namespace tolva

@@ -133,6 +133,10 @@ JNIEXPORT void JNICALL NATIVE(Terminate)(JNIEnv*, jobject) {
 }
 
 JNIEXPORT void JNICALL NATIVE(SetPreference)(JNIEnv* env, jobject, jstring key, jstring value) {
+    if (!key) {
+        TOLVA_LOG(logger, 3, "No key");
+        return;
+    }
     PinnedString keyText(env, key);
     if (value) {
         PinnedString valueText(env, value);
@@ -301,8 +305,10 @@ JNIEXPORT jboolean JNICALL NATIVE(SetAttribute)(JNIEnv* env, jobject, jlong hand
     if (!useUia) {
         NOT_MAYBE_IMPLEMENTED();
     } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = use->setAttribute(pinnedName.str(), pinnedValue.str()) ? JNI_TRUE
-                                                                                                     : JNI_FALSE;
+        // Null is neither a name nor a value to write.
+        if (!pinnedName.isNull() && !pinnedValue.isNull()) {
+            result = use->setAttribute(pinnedName.str(), pinnedValue.str()) ? JNI_TRUE : JNI_FALSE;
+        }
     }
     return result;
 }
@@ -311,6 +317,9 @@ JNIEXPORT jstring JNICALL NATIVE(EvalJS)(JNIEnv* env, jobject, jlong handle, jst
     if (useUia) {
         NOT_MAYBE_IMPLEMENTED();
         return nullptr;
+    }
+    if (!script) {
+        return nullptr;  // nothing to evaluate
     }
     std::wstring answer;
     {
@@ -335,8 +344,11 @@ JNIEXPORT jlongArray JNICALL NATIVE(GetElementsByProperty)(JNIEnv* env, jobject,
     } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
         PinnedString pinnedName(env, name);
         PinnedString pinnedValue(env, value);
-        Array<Handle> found =
-            Uia::getInstance().getElementsByProperty(handleFromJava(handle), pinnedName.str(), pinnedValue.str());
+        Array<Handle> found;  // a search for null finds nothing
+        if (!pinnedName.isNull() && !pinnedValue.isNull()) {
+            found = Uia::getInstance().getElementsByProperty(handleFromJava(handle), pinnedName.str(),
+                                                             pinnedValue.str());
+        }
         TOLVA_LOG(logger, 9, "count: " << found.size());
         result = toJavaHandles(env, found);
     }

@@ -47,6 +47,9 @@ JNIEXPORT jstring JNICALL NATIVE(GetWindowText)(JNIEnv* env, jobject, jlong hwnd
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(SetWindowText)(JNIEnv* env, jobject, jlong hwnd, jstring text) {
+    if (!text) {
+        return JNI_FALSE;  // null is no text: the window keeps its own
+    }
     PinnedString pinned(env, text);
     const std::wstring value = pinned.str();
     DWORD_PTR result = 0;

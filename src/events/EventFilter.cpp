@@ -70,6 +70,9 @@ void EventFilter::setJavaVM(JavaVM* vm) {
 
 void EventFilter::setJavaCallbackObject(JNIEnv* env, jobject callback) {
     TOLVA_LOG(logger, 7, "env: " << env << ", cb:" << callback);
+    if (callback_ && env->IsSameObject(callback_, callback)) {
+        return;  // the same object: its reference may be in use on the dispatch thread
+    }
     if (callback_) {
         env->DeleteGlobalRef(callback_);
         callback_ = nullptr;

@@ -88,7 +88,7 @@ private:
 
 class Soak : public DriverTest {
 protected:
-    const wchar_t* logLevels() const override { return L"*=3,tolva.Uia=5"; }
+    std::wstring logLevels() const override { return L"*=3,tolva.Uia=5"; }
 
     void SetUp() override {
         DriverTest::SetUp();

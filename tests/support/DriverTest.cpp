@@ -60,7 +60,7 @@ void DriverTest::TearDown() {
     for (const std::string& call : platform->unsupportedCalls()) {
         ADD_FAILURE() << "unsupported automation call: " << call;
     }
-    if (HasFailure()) {
+    if (HasFailure() && dumpLogOnFailure) {
         std::cerr << "---- driver log ----\n" << LogFile::dump() << "--------------------\n";
     }
     platform->uninstall();

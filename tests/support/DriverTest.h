@@ -23,8 +23,8 @@ class DriverTest : public ::testing::Test {
 protected:
     // Host options must be chosen before SetUp; a test fixture may override.
     virtual jnihost::JavaHost::Options hostOptions() const { return {}; }
-    // The driver's log levels (TOLVA_LOG_LEVELS); a long test may log less.
-    virtual const wchar_t* logLevels() const { return L"*=10"; }
+    // The driver's log levels (TOLVA_LOG_LEVELS); the tests read what it logs.
+    virtual std::wstring logLevels() const { return L"*=10"; }
 
     void SetUp() override;
     void TearDown() override;
@@ -56,6 +56,9 @@ protected:
     JNIEnv* env = nullptr;
     jobject self = nullptr;
     bool attached = false;
+    // The driver's log goes to the output of a failed test, unless the test
+    // names its failure well enough itself (and logs too much to print).
+    bool dumpLogOnFailure = true;
 };
 
 bool waitUntil(const std::function<bool()>& condition, unsigned timeoutMs);

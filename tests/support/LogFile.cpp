@@ -36,13 +36,13 @@ bool parse(const std::string& text, LogLine& line) {
 
 }  // namespace
 
-void LogFile::configure(const wchar_t* levels) {
+void LogFile::configure(const std::wstring& levels) {
     wchar_t dir[MAX_PATH];
     GetTempPathW(MAX_PATH, dir);
     logPath() = std::wstring(dir) + L"deskwright-test-" + std::to_wstring(GetCurrentProcessId()) + L".log";
     DeleteFileW(logPath().c_str());
     _wputenv_s(L"TOLVA_LOG_FILE", logPath().c_str());
-    _wputenv_s(L"TOLVA_LOG_LEVELS", levels);
+    _wputenv_s(L"TOLVA_LOG_LEVELS", levels.c_str());
 }
 
 const std::wstring& LogFile::path() {

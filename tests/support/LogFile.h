@@ -17,10 +17,9 @@ struct LogLine {
 
 class LogFile {
 public:
-    // Points TOLVA_LOG_FILE at a new file of this process and sets
-    // TOLVA_LOG_LEVELS (by default every logger at 10); must run before the
-    // driver is loaded.
-    static void configure(const wchar_t* levels = L"*=10");
+    // Points TOLVA_LOG_FILE and TOLVA_LOG_LEVELS (by default every logger at 10) at a new
+    // file of this process; must run before the driver is loaded.
+    static void configure(const std::wstring& levels = L"*=10");
     static const std::wstring& path();
 
     static std::vector<LogLine> lines();

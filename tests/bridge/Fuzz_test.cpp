@@ -1,0 +1,688 @@
+// Random calls into the natives, as a careless or hostile Java caller makes
+// them: handles that name nothing, nulls, empty and huge texts and arrays,
+// extreme numbers, mixed with the handles of a small simulated target so that
+// the working paths run too. Nothing may crash, hang, misuse JNI or leave a
+// pin; the only exception is InvalidHandleException, and only for a handle.
+//
+// DESKWRIGHT_FUZZ_CALLS (default 100000) and DESKWRIGHT_FUZZ_SEED choose the
+// run; a failure prints the seed, the index and the call with its arguments,
+// so that the same seed replays it.
+#include "DriverTest.h"
+
+#include "FakeUiaPatterns.h"
+
+#include <chrono>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+
+using dwtest::DriverTest;
+
+namespace {
+
+const char* const INVALID_HANDLE = "net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException";
+
+std::uint64_t environmentNumber(const char* name, std::uint64_t fallback) {
+    const char* text = std::getenv(name);
+    return text && *text ? std::strtoull(text, nullptr, 0) : fallback;
+}
+
+// What a call may answer besides its result.
+enum class Check {
+    None,     // no exception at all
+    Handle,   // InvalidHandleException for a handle that doesn't name a living control
+    Invalid,  // InvalidHandleException "Invalid handle value", always
+};
+
+class Fuzz : public DriverTest {
+protected:
+    void SetUp() override {
+        dumpLogOnFailure = false;  // a failure names its call; the log is far too long to print
+        DriverTest::SetUp();
+        ownWindow = CreateWindowExW(0, L"EDIT", L"Own window", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr,
+                                    nullptr, GetModuleHandleW(nullptr), nullptr);
+        ASSERT_NE(nullptr, ownWindow);
+        seed = environmentNumber("DESKWRIGHT_FUZZ_SEED", 20261123);
+        rng.seed(seed);
+        makeTarget();
+        // Input simulation waits between steps; a fuzz run shouldn't.
+        for (const wchar_t* key : {L"deskwright.delay.after.mousemoved", L"deskwright.delay.after.mousepressed",
+                                   L"deskwright.delay.mouse.multiclick", L"deskwright.delay.after.keydown"}) {
+            setPreference(key, L"0");
+        }
+    }
+    void TearDown() override {
+        native<void>("EnableCheckMode", jboolean{JNI_FALSE}, jint{0});
+        native<void>("EnableEventListeners", jint{0});
+        native<void>("EnableRecordingMode", jboolean{JNI_FALSE}, jint{0});
+        DestroyWindow(ownWindow);
+        DriverTest::TearDown();
+    }
+
+    // A window with a few controls that answer the common patterns.
+    void makeTarget() {
+        fakeuia::Node& top = attachToOwnWindow(L"Target");
+        auto add = [](fakeuia::Node& parent, CONTROLTYPEID type, const wchar_t* name, LONG y) -> fakeuia::Node& {
+            fakeuia::NodeSpec spec;
+            spec.controlType = type;
+            spec.name = name;
+            spec.automationId = name;
+            spec.bounds = {20, y, 180, y + 20};
+            return parent.add(spec);
+        };
+        fakeuia::attach<fakeuia::InvokeSource>(add(top, UIA_ButtonControlTypeId, L"OK", 20));
+        fakeuia::attach<fakeuia::ValueSource>(add(top, UIA_EditControlTypeId, L"Field", 45), L"text");
+        fakeuia::attach<fakeuia::ToggleSource>(add(top, UIA_CheckBoxControlTypeId, L"Check", 70));
+        fakeuia::attach<fakeuia::RangeValueSource>(add(top, UIA_SliderControlTypeId, L"Slider", 95), 5.0, 0.0,
+                                                   10.0);
+        fakeuia::Node& list = add(top, UIA_ListControlTypeId, L"List", 120);
+        fakeuia::attach<fakeuia::ScrollSource>(list);
+        for (const wchar_t* item : {L"one", L"two", L"three"}) {
+            fakeuia::attach<fakeuia::SelectionItemSource>(add(list, UIA_ListItemControlTypeId, item, 145));
+        }
+        fakeuia::attach<fakeuia::ExpandCollapseSource>(add(top, UIA_TreeItemControlTypeId, L"Node", 170));
+        harvest(host->longs(native<jlongArray>("GetToplevels")));
+        harvestTree();
+        ASSERT_GE(pool.size(), 10u);
+    }
+    // Every control of the target, as GetHierarchyWithAttributes lists them.
+    void harvestTree() {
+        host->nativeCall([&] {
+            for (jlong top : host->longs(native<jlongArray>("GetToplevels"))) {
+                jobjectArray flat = native<jobjectArray>("GetHierarchyWithAttributes", top, host->stringArray({}),
+                                                         host->longArray({}));
+                host->takeException();
+                if (host->isNull(flat)) {
+                    continue;
+                }
+                auto entries = host->strings(flat);
+                for (size_t i = 1; i < entries.size(); i += 2) {
+                    harvest({std::stoll(*entries[i])});
+                }
+            }
+            return 0;
+        });
+    }
+    void harvest(const std::vector<jlong>& handles) {
+        for (jlong handle : handles) {
+            if (handle != 0 && known.insert(handle).second) {
+                pool.push_back(handle);
+            }
+        }
+    }
+    // Whether the driver reads the value as a handle some control has had.
+    bool namesAControl(jlong value) const {
+        for (jlong handle : known) {
+            if (sizeof(void*) == 4 ? static_cast<std::uint32_t>(value) == static_cast<std::uint32_t>(handle)
+                                   : value == handle) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // --- arguments, each written into the description of the call ----------------
+    std::uint64_t below(std::uint64_t n) { return std::uniform_int_distribution<std::uint64_t>(0, n - 1)(rng); }
+
+    // A value that names no control: random bits, or an address inside a control.
+    jlong badHandle() {
+        for (;;) {
+            jlong value;
+            switch (below(6)) {
+            case 0: value = static_cast<jlong>(rng()); break;
+            case 1: value = static_cast<jlong>(below(0x100000)); break;
+            case 2: value = pool[below(pool.size())] + static_cast<jlong>(below(64)) - 32; break;
+            case 3: value = pool[below(pool.size())] ^ (jlong{1} << (32 + below(31))); break;
+            case 4: value = below(2) ? LLONG_MIN : LLONG_MAX; break;
+            default: value = -static_cast<jlong>(below(0x10000)); break;
+            }
+            if (!namesAControl(value)) {
+                return value;
+            }
+        }
+    }
+    jlong handle() {
+        jlong value;
+        const auto kind = badHandlesOnly ? 9 : below(10);
+        if (kind < 6) {
+            value = pool[below(pool.size())];
+        } else if (kind == 6) {
+            value = 0;
+        } else {
+            value = badHandle();
+        }
+        handleFromPool = kind < 6;
+        out << " h=" << value;
+        return value;
+    }
+    jint integer() {
+        static const jint extremes[] = {INT_MIN, INT_MAX, 0, -1, 1, INT_MIN + 1, INT_MAX - 1, 0x10000};
+        jint value;
+        switch (below(3)) {
+        case 0: value = extremes[below(std::size(extremes))]; break;
+        case 1: value = static_cast<jint>(below(2000)) - 1000; break;
+        default: value = static_cast<jint>(rng()); break;
+        }
+        out << " i=" << value;
+        return value;
+    }
+    jlong longValue() {
+        static const jlong extremes[] = {LLONG_MIN, LLONG_MAX, 0, -1, 1, INT_MIN, INT_MAX, 0x100000000LL};
+        jlong value = below(2) ? extremes[below(std::size(extremes))] : static_cast<jlong>(rng());
+        out << " j=" << value;
+        return value;
+    }
+    jdouble real() {
+        static const jdouble extremes[] = {std::numeric_limits<double>::quiet_NaN(),
+                                           std::numeric_limits<double>::infinity(),
+                                           -std::numeric_limits<double>::infinity(),
+                                           std::numeric_limits<double>::max(),
+                                           -std::numeric_limits<double>::max(),
+                                           std::numeric_limits<double>::denorm_min(),
+                                           0.0, -0.0, -1.0, 100.0, 1e300};
+        jdouble value = below(2) ? extremes[below(std::size(extremes))]
+                                 : std::uniform_real_distribution<double>(-200.0, 200.0)(rng);
+        out << " d=" << value;
+        return value;
+    }
+    jboolean flag() {
+        jboolean value = below(2) ? JNI_TRUE : JNI_FALSE;
+        out << " z=" << int{value};
+        return value;
+    }
+    jchar character() {
+        static const jchar extremes[] = {0, 0xFFFF, 0xD800, 0xDFFF, L'a', 0x1B, 0x7F};
+        jchar value = below(2) ? extremes[below(std::size(extremes))] : static_cast<jchar>(rng());
+        out << " c=" << value;
+        return value;
+    }
+    std::wstring text() {
+        static const wchar_t* const words[] = {L"name", L"rid", L"rid2", L"value", L"type", L"id", L"desc",
+                                               L"bounds", L"state", L"class", L"horizscroll", L"vertscroll",
+                                               L"rangevalue", L"__NULL__", L"__null_java_string__", L"Field",
+                                               L"deskwright.max.children", L"deskwright.omit.states",
+                                               L"deskwright.rid.append.loc", L"1", L"-1", L"abc", L"true"};
+        const auto kind = below(100);
+        if (kind == 0) {  // huge, up to 100,000 characters (rare: the log carries them whole)
+            std::wstring huge(static_cast<size_t>(below(100000) + 1), L'x');
+            huge[below(huge.size())] = static_cast<wchar_t>(rng());
+            return huge;
+        }
+        if (kind < 15) {
+            return L"";
+        }
+        if (kind < 60) {
+            return words[below(std::size(words))];
+        }
+        // Short, any code unit, NUL and lone surrogates included.
+        std::wstring any(static_cast<size_t>(below(20)), L' ');
+        for (wchar_t& c : any) {
+            c = static_cast<wchar_t>(below(3) ? 0x20 + below(0x60) : rng());
+        }
+        return any;
+    }
+    static std::string shown(const std::wstring& value) {
+        std::ostringstream text;
+        text << "\"";
+        for (size_t i = 0; i < value.size() && i < 24; ++i) {
+            if (value[i] >= 0x20 && value[i] < 0x7F) {
+                text << static_cast<char>(value[i]);
+            } else {
+                text << "\\u" << std::hex << static_cast<unsigned>(value[i]) << std::dec;
+            }
+        }
+        text << (value.size() > 24 ? "...\"(" + std::to_string(value.size()) + ")" : "\"");
+        return text.str();
+    }
+    jstring string() {
+        if (below(6) == 0) {
+            out << " s=null";
+            return nullptr;
+        }
+        const std::wstring value = text();
+        out << " s=" << shown(value);
+        return host->str(value);
+    }
+    // Names for the attribute natives: null, empty, null entries, now and then many.
+    jobjectArray names() {
+        if (below(6) == 0) {
+            out << " names=null";
+            namesCount = 0;
+            return nullptr;
+        }
+        const size_t count = below(40) == 0 ? below(2000) : below(5);
+        std::vector<std::wstring> items;
+        std::vector<size_t> nulls;
+        out << " names={";
+        for (size_t i = 0; i < count; ++i) {
+            items.push_back(text());
+            const bool isNull = below(5) == 0;
+            if (isNull) {
+                nulls.push_back(i);
+            }
+            if (i < 8) {
+                out << (i ? "," : "") << (isNull ? std::string("null") : shown(items.back()));
+            }
+        }
+        out << (count > 8 ? ",...}(" + std::to_string(count) + ")" : "}");
+        jobjectArray array = host->stringArray(items);
+        for (size_t i : nulls) {
+            env->SetObjectArrayElement(array, static_cast<jsize>(i), nullptr);
+        }
+        namesCount = count;
+        return array;
+    }
+    jlongArray handles() {
+        if (below(6) == 0) {
+            out << " excluded=null";
+            return nullptr;
+        }
+        const size_t count = below(40) == 0 ? below(100000) : below(4);
+        std::vector<jlong> items;
+        for (size_t i = 0; i < count; ++i) {
+            items.push_back(below(2) ? pool[below(pool.size())] : static_cast<jlong>(rng()));
+        }
+        out << " excluded=(" << count << ")";
+        return host->longArray(items);
+    }
+    // A window handle: this test's own window (given only harmless messages),
+    // or a value that names no window at all.
+    jlong window(bool anyMessage) {
+        HWND hwnd = nullptr;
+        if (!anyMessage && below(2)) {
+            hwnd = ownWindow;
+        } else {
+            do {
+                hwnd = reinterpret_cast<HWND>(static_cast<std::uintptr_t>(below(3) ? below(0x100000) : rng()));
+            } while (IsWindow(hwnd) || LOWORD(reinterpret_cast<std::uintptr_t>(hwnd)) == 0xFFFF || !hwnd);
+        }
+        const jlong value = static_cast<jlong>(reinterpret_cast<std::intptr_t>(hwnd));
+        out << " hwnd=" << value;
+        return value;
+    }
+    jint message(bool anyMessage) {
+        static const jint harmless[] = {WM_NULL, WM_GETTEXTLENGTH, WM_GETDLGCODE, WM_GETFONT};
+        const jint value = anyMessage ? static_cast<jint>(rng()) : harmless[below(std::size(harmless))];
+        out << " msg=" << value;
+        return value;
+    }
+
+    // --- results ----------------------------------------------------------------------
+    void expectNotNull(jobject value, const char* what) {
+        if (host->isNull(value)) {
+            problem << what << " is null; ";
+        }
+    }
+    void harvestLongs(jlongArray found) {
+        if (!host->isNull(found)) {
+            std::vector<jlong> values = host->longs(found);
+            values.resize(std::min<size_t>(values.size(), 16));
+            harvest(values);
+        }
+    }
+    void expectStride(jobjectArray flat, size_t stride, const char* what) {
+        if (!host->isNull(flat) && host->strings(flat).size() % stride != 0) {
+            problem << what << " has " << host->strings(flat).size() << " entries, not records of " << stride
+                    << "; ";
+        }
+    }
+
+    // One native: its name, its handle check, and a call with fresh arguments.
+    struct Native {
+        const char* name;
+        Check check;
+        std::function<void(Fuzz&)> call;
+    };
+    static const std::vector<Native>& natives();
+
+    // Runs one call in a native frame of its own; false (and a failure that
+    // names the call) if anything went wrong.
+    void runCalls(size_t calls);
+    bool runOne(const Native& native, Check check, size_t index, bool onlyBadHandles = false) {
+        badHandlesOnly = onlyBadHandles;
+        out.str("");
+        problem.str("");
+        handleFromPool = false;
+        const size_t misuse = host->violations().size();
+        host->nativeCall([&] { native.call(*this); });
+        auto thrown = host->takeException();
+        if (thrown) {
+            const bool invalid = thrown->message == L"Invalid handle value";
+            const bool gone = thrown->message == L"Control does no longer exist";
+            if (thrown->className != INVALID_HANDLE || check == Check::None || (!invalid && !gone) ||
+                (check == Check::Invalid && !invalid) || (!handleFromPool && !invalid)) {
+                problem << "threw " << thrown->className << ": " << std::string(thrown->message.begin(),
+                                                                                   thrown->message.end())
+                        << "; ";
+            }
+        } else if (check == Check::Invalid || (check == Check::Handle && !handleFromPool)) {
+            problem << "no InvalidHandleException; ";
+        }
+        const auto violations = host->violations();
+        for (size_t i = misuse; i < violations.size(); ++i) {
+            problem << "JNI misuse: " << violations[i] << "; ";
+        }
+        if (host->outstandingPins() != 0) {
+            problem << host->outstandingPins() << " pins left; ";
+        }
+        if (problem.str().empty()) {
+            return true;
+        }
+        ADD_FAILURE() << "seed " << seed << ", call " << index << ": " << native.name << "(" << out.str()
+                      << " ): " << problem.str();
+        return false;
+    }
+
+    HWND ownWindow = nullptr;
+    std::uint64_t seed = 0;
+    std::mt19937_64 rng;
+    std::vector<jlong> pool;
+    std::set<jlong> known;
+    std::ostringstream out;
+    std::ostringstream problem;
+    bool handleFromPool = false;
+    bool badHandlesOnly = false;
+    size_t namesCount = 0;
+};
+
+#define RESULT(type, call) type result = t.native<type> call
+const std::vector<Fuzz::Native>& Fuzz::natives() {
+    using T = Fuzz;
+    const Check H = Check::Handle;
+    const Check N = Check::None;
+    static const std::vector<Native> table = {
+        {"SetupNativeLogging", N, [](T& t) { EXPECT_EQ(0, t.native<jint>("SetupNativeLogging")); }},
+        {"StartClient", N, [](T& t) { t.native<jint>("StartClient", t.string()); }},
+        {"AttachClient(int)", N, [](T& t) { t.native<jint>("AttachClient__I", t.integer()); }},
+        {"AttachClient(String)", N, [](T& t) { t.native<jint>("AttachClient__Ljava_lang_String_2", t.string()); }},
+        {"CacheExistingWindowHandles", N, [](T& t) { t.native<void>("CacheExistingWindowHandles"); }},
+        {"GetThreadId", N, [](T& t) { t.native<jint>("GetThreadId"); }},
+        {"IsConnected", N,
+         [](T& t) {
+             if (t.native<jboolean>("IsConnected") != JNI_TRUE) {
+                 t.problem << "no longer connected; ";
+             }
+         }},
+        {"TriggerThread", N, [](T& t) { t.native<void>("TriggerThread"); }},
+        {"Terminate", N, [](T& t) { t.native<void>("Terminate"); }},
+        {"SetPreference", N,
+         [](T& t) {
+             jstring key = t.string();
+             // Keys that make input simulation wait are left at 0.
+             if (key && t.host->text(key).rfind(L"deskwright.delay", 0) == 0) {
+                 return;
+             }
+             t.native<void>("SetPreference", key, t.string());
+         }},
+        {"GetPreference", N,
+         [](T& t) { t.expectNotNull(t.native<jstring>("GetPreference", t.string()), "the preference"); }},
+        {"GetChildren", H,
+         [](T& t) {
+             RESULT(jlongArray, ("GetChildren", t.handle()));
+             t.expectNotNull(result, "the children");
+             t.harvestLongs(result);
+         }},
+        {"GetChildrenWithAttributes", H,
+         [](T& t) {
+             jlong h = t.handle();
+             RESULT(jobjectArray, ("GetChildrenWithAttributes", h, t.names()));
+             t.expectStride(result, t.namesCount + 1, "the children's records");
+         }},
+        {"GetHierarchyWithAttributes", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jobjectArray names = t.names();
+             RESULT(jobjectArray, ("GetHierarchyWithAttributes", h, names, t.handles()));
+             t.expectStride(result, t.namesCount + 2, "the hierarchy's records");
+         }},
+        {"GetParent", H, [](T& t) { t.harvest({t.native<jlong>("GetParent", t.handle())}); }},
+        {"GetNativeHandle", H, [](T& t) { t.native<jlong>("GetNativeHandle", t.handle()); }},
+        {"GetClassName", H,
+         [](T& t) { t.expectNotNull(t.native<jstring>("GetClassName", t.handle()), "the class name"); }},
+        {"GetClassNames", H,
+         [](T& t) { t.expectNotNull(t.native<jobjectArray>("GetClassNames", t.handle()), "the class names"); }},
+        {"GetBounds", H,
+         [](T& t) {
+             RESULT(jintArray, ("GetBounds", t.handle()));
+             if (t.host->isNull(result) || t.host->ints(result).size() != 4) {
+                 t.problem << "the bounds are not four numbers; ";
+             }
+         }},
+        {"GetAttribute", H,
+         [](T& t) {
+             jlong h = t.handle();
+             t.native<jstring>("GetAttribute", h, t.string());
+         }},
+        {"GetAttributes", H,
+         [](T& t) {
+             jlong h = t.handle();
+             RESULT(jobjectArray, ("GetAttributes", h, t.names()));
+             if (!t.host->isNull(result) && t.host->strings(result).size() != t.namesCount) {
+                 t.problem << "not one value per name; ";
+             }
+         }},
+        {"SetAttribute", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jstring name = t.string();
+             t.native<jboolean>("SetAttribute", h, name, t.string());
+         }},
+        {"EvalJS", N,
+         [](T& t) {
+             jlong h = t.handle();
+             t.native<jstring>("EvalJS", h, t.string());
+         }},
+        {"GetToplevels", N,
+         [](T& t) {
+             RESULT(jlongArray, ("GetToplevels"));
+             t.expectNotNull(result, "the top-level list");
+             t.harvestLongs(result);
+         }},
+        {"GetElementsByProperty", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jstring name = t.string();
+             t.harvestLongs(t.native<jlongArray>("GetElementsByProperty", h, name, t.string()));
+         }},
+        {"FindAllWindows", H, [](T& t) { t.harvestLongs(t.native<jlongArray>("FindAllWindows", t.handle())); }},
+        {"GetElementFromPoint", N,
+         [](T& t) {
+             jint x = t.integer();
+             t.harvest({t.native<jlong>("GetElementFromPoint", x, t.integer())});
+         }},
+        {"IsUia8", N, [](T& t) { t.native<jboolean>("IsUia8"); }},
+        {"SetTimeouts", N,
+         [](T& t) {
+             jint connection = t.integer();
+             t.native<jboolean>("SetTimeouts", connection, t.integer());
+         }},
+        {"ReleaseControls", N,
+         [](T& t) {
+             // Now and then: every handle is invalid afterwards, until read again.
+             if (t.below(20) == 0) {
+                 t.out << " (released)";
+                 t.native<void>("ReleaseControls");
+             }
+         }},
+        {"GetScreenScaleFactor", N, [](T& t) { t.native<jdouble>("GetScreenScaleFactor"); }},
+        {"EnableEventListeners", N, [](T& t) { t.native<void>("EnableEventListeners", t.integer()); }},
+        {"EnableCheckMode", N,
+         [](T& t) {
+             jboolean enable = t.flag();
+             t.native<void>("EnableCheckMode", enable, t.integer());
+         }},
+        {"EnableRecordingMode", N,
+         [](T& t) {
+             jboolean enable = t.flag();
+             t.native<void>("EnableRecordingMode", enable, t.integer());
+         }},
+        {"Highlight", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jint duration = t.integer();
+             t.native<void>("Highlight", h, duration, t.integer());
+         }},
+        {"SimulateMouseEvent", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jint id = t.integer(), button = t.integer(), x = t.integer(), y = t.integer(), mod = t.integer();
+             t.native<void>("SimulateMouseEvent", h, id, button, x, y, mod, t.integer());
+         }},
+        {"SimulateKeyStroke", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jchar c = t.character();
+             jint keyCode = t.integer();
+             t.native<void>("SimulateKeyStroke", h, c, keyCode, t.integer());
+         }},
+        {"SetFocus", H, [](T& t) { t.native<void>("SetFocus", t.handle()); }},
+        {"Move", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jint x = t.integer();
+             t.native<jboolean>("Move", h, x, t.integer());
+         }},
+        {"Resize", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jint width = t.integer();
+             t.native<jboolean>("Resize", h, width, t.integer());
+         }},
+        {"Close", H, [](T& t) { t.native<jboolean>("Close", t.handle()); }},
+        {"BringToFront", H, [](T& t) { t.native<jboolean>("BringToFront", t.handle()); }},
+        {"DoDefaultAction", H, [](T& t) { t.native<void>("DoDefaultAction", t.handle()); }},
+        {"Invoke", H, [](T& t) { t.native<void>("Invoke", t.handle()); }},
+        {"Select", H,
+         [](T& t) {
+             jlong h = t.handle();
+             t.native<void>("Select", h, t.integer());
+         }},
+        {"Toggle", H,
+         [](T& t) {
+             jlong h = t.handle();
+             t.native<jboolean>("Toggle", h, t.integer());
+         }},
+        {"Expand", H,
+         [](T& t) {
+             jlong h = t.handle();
+             t.native<jboolean>("Expand", h, t.flag());
+         }},
+        {"Scroll", H,
+         [](T& t) {
+             jlong h = t.handle();
+             jdouble horizontal = t.real();
+             t.native<void>("Scroll", h, horizontal, t.real());
+         }},
+        {"ScrollIntoView", H, [](T& t) { t.native<jboolean>("ScrollIntoView", t.handle()); }},
+        {"GetWindowClassName", N,
+         [](T& t) { t.expectNotNull(t.native<jstring>("GetWindowClassName", t.window(false)), "the class name"); }},
+        {"GetWindowText", N,
+         [](T& t) { t.expectNotNull(t.native<jstring>("GetWindowText", t.window(false)), "the text"); }},
+        {"SetWindowText", N,
+         [](T& t) {
+             jlong hwnd = t.window(false);
+             t.native<jboolean>("SetWindowText", hwnd, t.string());
+         }},
+        {"GetWindowLong", N,
+         [](T& t) {
+             jlong hwnd = t.window(false);
+             t.native<jint>("GetWindowLong", hwnd, t.integer());
+         }},
+        {"SendMessage", N,
+         [](T& t) {
+             const bool any = t.below(2);
+             jlong hwnd = t.window(any);
+             jint message = t.message(any);
+             jlong wParam = any ? t.longValue() : 0;
+             t.native<jint>("SendMessage", hwnd, message, wParam, any ? t.longValue() : jlong{0});
+         }},
+        {"PostMessage", N,
+         [](T& t) {
+             const bool any = t.below(2);
+             jlong hwnd = t.window(any);
+             jint message = t.message(any);
+             jlong wParam = any ? t.longValue() : 0;
+             t.native<jboolean>("PostMessage", hwnd, message, wParam, any ? t.longValue() : jlong{0});
+         }},
+    };
+    return table;
+}
+#undef RESULT
+
+}  // namespace
+
+// Handles that name nothing, into every native that takes one: none is
+// dereferenced, and each call ends in "Invalid handle value".
+TEST_F(Fuzz, RandomHandlesAreNeverDereferenced) {
+    const size_t perNative = 100;
+    size_t index = 0;
+    for (const Native& native : natives()) {
+        if (native.check != Check::Handle) {
+            continue;
+        }
+        for (size_t i = 0; i < perNative; ++i, ++index) {
+            ASSERT_TRUE(runOne(native, Check::Invalid, index, true));
+        }
+    }
+    std::cout << "seed " << seed << ": " << index << " calls with bad handles" << std::endl;
+}
+
+// Random calls into every native, the target's handles mixed in.
+void Fuzz::runCalls(size_t calls) {
+    const auto& table = natives();
+    std::map<std::string, std::pair<size_t, double>> counts;  // calls and seconds
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    for (size_t index = 0; index < calls; ++index) {
+        const Native& native = table[below(table.size())];
+        const auto before = Clock::now();
+        const bool passed = runOne(native, native.check, index);
+        auto& [count, seconds] = counts[native.name];
+        ++count;
+        seconds += std::chrono::duration<double>(Clock::now() - before).count();
+        if (!passed) {
+            break;
+        }
+        if (index % 1000 == 999) {
+            harvestTree();  // after ReleaseControls, the target is read again
+        }
+        if (index % 10000 == 9999) {
+            std::cout << index + 1 << " calls, "
+                      << std::chrono::duration<double>(Clock::now() - start).count() << " s" << std::endl;
+        }
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::cout << "seed " << seed << ", " << calls << " calls asked for, done in " << seconds << " s; per native (calls, ms):";
+    for (const auto& [name, spent] : counts) {
+        std::cout << " " << name << "=" << spent.first << "," << static_cast<long>(spent.second * 1000);
+    }
+    WIN32_FILE_ATTRIBUTE_DATA log{};
+    GetFileAttributesExW(dwtest::LogFile::path().c_str(), GetFileExInfoStandard, &log);
+    std::cout << "; log " << ((ULONGLONG{log.nFileSizeHigh} << 32 | log.nFileSizeLow) >> 20) << " MB" << std::endl;
+    if (!HasFailure()) {
+        EXPECT_EQ(table.size(), counts.size()) << "some native was never called";
+    }
+}
+
+// Every log statement is built, with whatever the arguments hold.
+TEST_F(Fuzz, RandomArgumentsWithEveryLogStatement) {
+    runCalls(10000);
+}
+
+namespace {
+// Logs only the steps of the threads: a long run spends its time in the natives.
+class QuietFuzz : public Fuzz {
+protected:
+    std::wstring logLevels() const override { return L"*=5"; }
+};
+}  // namespace
+
+TEST_F(QuietFuzz, RandomArgumentsIntoEveryNative) {
+    runCalls(environmentNumber("DESKWRIGHT_FUZZ_CALLS", 100000));
+}
