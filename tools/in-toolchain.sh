@@ -43,5 +43,6 @@ exec unshare --mount --propagation private -- bash -c '
     CI="${CI:-}" DESKWRIGHT_IN_TOOLCHAIN=1 DESKWRIGHT_BUILD_DIR="${DESKWRIGHT_BUILD_DIR:-}" \
     DESKWRIGHT_DISPLAY="${DESKWRIGHT_DISPLAY:-}" CTEST_ARGS="${CTEST_ARGS:-}" \
     DESKWRIGHT_FUZZ_CALLS="${DESKWRIGHT_FUZZ_CALLS:-}" DESKWRIGHT_FUZZ_SEED="${DESKWRIGHT_FUZZ_SEED:-}" \
+    DESKWRIGHT_SOAK_ROUNDS="${DESKWRIGHT_SOAK_ROUNDS:-}" \
     bash -c "mkdir -p /tmp/home && cd /src/$rel && exec \"\$@\"" _ "$@"
 ' _ "$ROOT" "$REPO" "$rel" "$@"

@@ -35,6 +35,23 @@ protected:
         spec.name = name;
         return child(spec);
     }
+    // Cells named "r<row>c<column>" with the GridItem pattern under a node
+    // that gets the Grid pattern.
+    std::shared_ptr<fakeuia::GridSource> makeGrid(fakeuia::Node& gridNode, int rows, int columns) {
+        std::vector<std::vector<fakeuia::Node*>> cells(rows);
+        for (int row = 0; row < rows; ++row) {
+            for (int column = 0; column < columns; ++column) {
+                fakeuia::NodeSpec cell;
+                cell.controlType = UIA_DataItemControlTypeId;
+                cell.name = L"r" + std::to_wstring(row) + L"c" + std::to_wstring(column);
+                cell.bounds = {20 + 10 * column, 20 + 10 * row, 30 + 10 * column, 30 + 10 * row};
+                fakeuia::Node& made = child(cell, &gridNode);
+                fakeuia::attach<fakeuia::GridItemSource>(made, row, column, &gridNode);
+                cells[row].push_back(&made);
+            }
+        }
+        return fakeuia::attach<fakeuia::GridSource>(gridNode, cells);
+    }
     std::optional<std::wstring> attr(jlong handle, const std::wstring& name) {
         jstring value = native<jstring>("GetAttribute", handle, host->str(name));
         if (host->isNull(value)) return std::nullopt;
@@ -200,19 +217,7 @@ TEST_F(Attributes, WindowStyleAndForegroundComeFromTheElementsOwnWindow) {
 
 TEST_F(Attributes, TheGridFamilyAsksRowFirstAndMatchesTheWholeName) {
     fakeuia::Node& gridNode = child(UIA_DataGridControlTypeId, L"Grid");
-    std::vector<std::vector<fakeuia::Node*>> cells(3);
-    for (int row = 0; row < 3; ++row) {
-        for (int column = 0; column < 5; ++column) {
-            fakeuia::NodeSpec cell;
-            cell.controlType = UIA_DataItemControlTypeId;
-            cell.name = L"r" + std::to_wstring(row) + L"c" + std::to_wstring(column);
-            cell.bounds = {20 + 10 * column, 20 + 10 * row, 30 + 10 * column, 30 + 10 * row};
-            fakeuia::Node& made = child(cell, &gridNode);
-            fakeuia::attach<fakeuia::GridItemSource>(made, row, column, &gridNode);
-            cells[row].push_back(&made);
-        }
-    }
-    auto grid = fakeuia::attach<fakeuia::GridSource>(gridNode, cells);
+    auto grid = makeGrid(gridNode, 3, 5);
     const jlong gridHandle = handleOf(gridNode);
 
     EXPECT_EQ(L"5,3", text(gridHandle, L"colrowcount")) << "columns first";
@@ -238,19 +243,7 @@ TEST_F(Attributes, TheGridFamilyAsksRowFirstAndMatchesTheWholeName) {
 
 TEST_F(Attributes, GridItemNamesOfAnyLengthAreReadOnAJavaThreadsStack) {
     fakeuia::Node& gridNode = child(UIA_DataGridControlTypeId, L"Grid");
-    std::vector<std::vector<fakeuia::Node*>> cells(2);
-    for (int row = 0; row < 2; ++row) {
-        for (int column = 0; column < 3; ++column) {
-            fakeuia::NodeSpec cell;
-            cell.controlType = UIA_DataItemControlTypeId;
-            cell.name = L"r" + std::to_wstring(row) + L"c" + std::to_wstring(column);
-            cell.bounds = {20 + 10 * column, 20 + 10 * row, 30 + 10 * column, 30 + 10 * row};
-            fakeuia::Node& made = child(cell, &gridNode);
-            fakeuia::attach<fakeuia::GridItemSource>(made, row, column, &gridNode);
-            cells[row].push_back(&made);
-        }
-    }
-    fakeuia::attach<fakeuia::GridSource>(gridNode, cells);
+    makeGrid(gridNode, 2, 3);
     const jlong gridHandle = handleOf(gridNode);
     const std::wstring zeros(1000000, L'0');
     struct Row {

@@ -29,9 +29,9 @@ const std::string WIN_EVENT = "net/tolva/apps/cuebench/client/win/deskwright/eve
 const int CONNECTED = 100;
 const int TERMINATED = 101;
 const int WORKERS = 4;
-// Every attach takes at least a second (the dispatch thread's start), so the
-// default keeps the test short; DESKWRIGHT_SOAK_ROUNDS=100 makes a long run.
-const int DEFAULT_ROUNDS = 40;
+// Every attach takes at least a second (the dispatch thread's start): 100
+// rounds take about three minutes. DESKWRIGHT_SOAK_ROUNDS sets another count.
+const int DEFAULT_ROUNDS = 100;
 const DWORD ROUND_LIMIT_MS = 30000;
 
 // Whole cycles of the four kinds of round, and at least two of them.
