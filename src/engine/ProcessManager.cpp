@@ -114,14 +114,14 @@ int ProcessManager::attachUiaProcess(const std::wstring& args, int timeoutMs) {
 bool ProcessManager::createShutdownThread(int pid) {
     TOLVA_LOG(logger, 7, "pid: " << pid);
     attached_ = true;
-    processHandle_ = OpenProcess(TARGET_ACCESS, FALSE, static_cast<DWORD>(pid));
-    if (!processHandle_) {
+    HANDLE process = OpenProcess(TARGET_ACCESS, FALSE, static_cast<DWORD>(pid));
+    if (!process) {
         TOLVA_LOG(logger, 1, "Error: " << GetLastError());
         return false;
     }
     pid_ = pid;
     const std::shared_ptr<Watch> watch(
-        new Watch{this, processHandle_, CreateEventW(nullptr, TRUE, FALSE, nullptr), pid});
+        new Watch{this, process, CreateEventW(nullptr, TRUE, FALSE, nullptr), pid});
     auto* threadsWatch = new std::shared_ptr<Watch>(watch);
     auto thread = reinterpret_cast<HANDLE>(
         _beginthreadex(nullptr, SHUTDOWN_STACK_SIZE, &ProcessManager::shutdownThreadProc, threadsWatch, 0, nullptr));

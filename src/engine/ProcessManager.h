@@ -45,9 +45,8 @@ private:
     void endWatchLocked();
 
     std::mutex lock_;              // guards watch_ and the ends of connections
-    std::shared_ptr<Watch> watch_;  // the current connection's, if watched
+    std::shared_ptr<Watch> watch_;  // the current connection's, if watched; owns the process handle
     volatile bool attached_ = false;
-    HANDLE processHandle_ = nullptr;
     int pid_ = 0;
     int threadId_ = 0;
     bool automationBackEnd_ = false;
