@@ -1,0 +1,222 @@
+// Finding the target and its windows: the discovery through window handles,
+// frame windows that host other processes, the restriction of the top-level
+// windows to the class that was attached by, a target that can't be opened,
+// and the searches of windows and of the element at a point.
+#include "DriverTest.h"
+
+#include "ImportPatch.h"
+
+using dwtest::DriverTest;
+using dwtest::LogFile;
+
+namespace {
+
+struct WindowStart {
+    std::vector<std::pair<std::wstring, bool>> specs;
+    std::vector<HWND> windows;
+    HANDLE ready;
+};
+
+DWORD WINAPI PumpWindows(void* param) {
+    auto* start = static_cast<WindowStart*>(param);
+    for (const auto& spec : start->specs) {
+        start->windows.push_back(CreateWindowExW(0, L"STATIC", spec.first.c_str(),
+                                                 WS_OVERLAPPEDWINDOW | (spec.second ? WS_VISIBLE : 0), 0, 0, 100, 50,
+                                                 nullptr, nullptr, GetModuleHandleW(nullptr), nullptr));
+    }
+    MSG message;
+    PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE);  // the queue for the quit
+    SetEvent(start->ready);
+    while (GetMessageW(&message, nullptr, 0, 0) > 0) {
+        DispatchMessageW(&message);
+    }
+    return 0;  // the thread's windows go with it
+}
+
+class Discovery : public DriverTest {
+protected:
+    void TearDown() override {
+        if (windowThread) {
+            PostThreadMessageW(GetThreadId(windowThread), WM_QUIT, 0, 0);
+            WaitForSingleObject(windowThread, 5000);
+            CloseHandle(windowThread);
+        }
+        SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", nullptr);
+        DriverTest::TearDown();
+    }
+
+    fakeuia::Node& topWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd = nullptr) {
+        fakeuia::NodeSpec spec;
+        spec.controlType = UIA_WindowControlTypeId;
+        spec.name = name;
+        spec.className = className;
+        spec.processId = pid;
+        spec.bounds = {0, 0, 300, 200};
+        spec.nativeWindowHandle = hwnd;
+        return platform->desktop().add(spec);
+    }
+    // Real top-level windows of this process, (title, visible) each. A thread
+    // of their own makes them and pumps their messages until the end, as a
+    // target's windows are served while the Java thread waits for the driver.
+    std::vector<HWND> realWindows(std::vector<std::pair<std::wstring, bool>> specs) {
+        WindowStart start{std::move(specs), {}, CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+        windowThread = CreateThread(nullptr, 0, PumpWindows, &start, 0, nullptr);
+        WaitForSingleObject(start.ready, 5000);
+        CloseHandle(start.ready);
+        for (HWND window : start.windows) {
+            EXPECT_NE(nullptr, window);
+        }
+        return start.windows;
+    }
+    std::wstring name(jlong handle) { return host->text(native<jstring>("GetAttribute", handle, host->str(L"name"))); }
+    std::vector<std::wstring> names(jlongArray handles) {
+        std::vector<std::wstring> result;
+        for (jlong handle : host->longs(handles)) {
+            result.push_back(handle == 0 ? L"<0>" : name(handle));
+        }
+        return result;
+    }
+    std::vector<std::wstring> toplevelNames() { return names(native<jlongArray>("GetToplevels")); }
+    int self() const { return static_cast<int>(GetCurrentProcessId()); }
+    int nobody() const { return self() + 4; }
+
+    HANDLE windowThread = nullptr;
+};
+
+using Names = std::vector<std::wstring>;
+
+// Stands in for the system's OpenProcess in the driver: access is refused.
+HANDLE WINAPI RefusingOpenProcess(DWORD, BOOL, DWORD) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return nullptr;
+}
+
+}  // namespace
+
+TEST_F(Discovery, ThroughWindowHandlesOnlyVisibleWindowsOfTheTargetCount) {
+    SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
+    const std::vector<HWND> real = realWindows({{L"Shown", true}, {L"Hidden", false}});
+    topWindow(L"shown", L"TestWindow", self(), real[0]);
+    topWindow(L"hidden", L"TestWindow", self(), real[1]);
+    topWindow(L"no window", L"TestWindow", self());
+    ASSERT_EQ(self(), attach(L"-pid " + std::to_wstring(self()), 1000));
+    EXPECT_TRUE(LogFile::contains("via hwnd: 1", 5));
+    EXPECT_EQ(Names{L"shown"}, toplevelNames()) << "the automation tree lists all three";
+}
+
+TEST_F(Discovery, ThroughWindowHandlesATitleIsMatchedWithTheWindowText) {
+    SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
+    const std::vector<HWND> real = realWindows({{L"Window text 42", true}, {L"Hidden title", false}});
+    topWindow(L"Automation name", L"TestWindow", self(), real[0]);
+    topWindow(L"Hidden title", L"TestWindow", self(), real[1]);
+    struct Row { const wchar_t* title; int pid; };
+    const Row rows[] = {
+        {L"Automation name", 0},
+        {L"Hidden title", 0},
+        {L"Window text", 0},  // matches a part only
+        {L"Window text \\d+", self()},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(row.pid, attach(row.title, 1000)) << testing::PrintToString(row.title);
+    }
+}
+
+TEST_F(Discovery, AFrameHostsOnlyWindowsOfAnotherProcess) {
+    fakeuia::Node& frame = topWindow(L"Frame", L"ApplicationFrameWindow", self());
+    fakeuia::NodeSpec app;
+    app.controlType = UIA_WindowControlTypeId;
+    app.name = L"App";
+    app.className = L"Windows.UI.Core.CoreWindow";
+    app.processId = self();
+    frame.add(app);
+    EXPECT_EQ(0, attach(L"App", 1000)) << "a child of the frame's own process is no hit";
+
+    frame.update([&](fakeuia::NodeSpec& spec) { spec.processId = nobody(); });
+    EXPECT_EQ(self(), attach(L"App", 1000)) << "a hosted window of another process";
+    EXPECT_EQ(Names{L"App"}, toplevelNames()) << "the hosted window stands in the frame's place";
+}
+
+TEST_F(Discovery, TopLevelWindowsAreRestrictedToTheClassOfTheAttach) {
+    topWindow(L"Main", L"SunAwtFrame", self());
+    topWindow(L"Tip", L"SunAwtWindow", self());
+    topWindow(L"Other", L"TestWindow", self());
+    ASSERT_EQ(self(), attach(L"-class 'SunAwt.*'", 1000));
+    struct Row { const wchar_t* restrict; Names tops; };
+    const Row rows[] = {
+        {nullptr, {L"Main", L"Tip"}},  // as the attach left it
+        {L"false", {L"Main", L"Tip", L"Other"}},
+        {L"TRUE", {L"Main", L"Tip", L"Other"}},
+        {L"true", {L"Main", L"Tip"}},
+    };
+    for (const Row& row : rows) {
+        if (row.restrict) {
+            setPreference(L"deskwright.restrict.tops.to.class", row.restrict);
+        }
+        EXPECT_EQ(row.tops, toplevelNames()) << testing::PrintToString(row.restrict ? row.restrict : L"(attach)");
+    }
+}
+
+TEST_F(Discovery, WithoutAClassTheRestrictionKeepsEveryWindow) {
+    topWindow(L"Main", L"SunAwtFrame", self());
+    topWindow(L"Other", L"TestWindow", self());
+    setPreference(L"deskwright.restrict.tops.to.class", L"true");
+    ASSERT_EQ(self(), attach(L"-pid " + std::to_wstring(self()), 1000));
+    EXPECT_EQ((Names{L"Main", L"Other"}), toplevelNames());
+}
+
+TEST_F(Discovery, ATargetThatCannotBeOpenedStaysAttached) {
+    topWindow(L"Main", L"TestWindow", self());
+    {
+        dwtest::ImportPatch refuse(dll->module(), "OpenProcess", reinterpret_cast<void*>(&RefusingOpenProcess));
+        ASSERT_TRUE(refuse.applied());
+        EXPECT_EQ(self(), attach(L"-pid " + std::to_wstring(self()), 1000));
+    }
+    EXPECT_TRUE(LogFile::contains("Error: 5", 1));
+    EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected")) << "attached is set before the process is opened";
+    EXPECT_EQ(Names{L"Main"}, toplevelNames()) << "the connection works without a watch";
+    detachAndWait();
+    EXPECT_EQ(JNI_FALSE, native<jboolean>("IsConnected"));
+}
+
+TEST_F(Discovery, AllWindowsBelowAnElementAreFoundThroughWindowsOnly) {
+    fakeuia::Node& top = attachToOwnWindow(L"Target");
+    auto add = [](fakeuia::Node& parent, CONTROLTYPEID type, const wchar_t* name,
+                  const wchar_t* className) -> fakeuia::Node& {
+        fakeuia::NodeSpec spec;
+        spec.controlType = type;
+        spec.name = name;
+        spec.className = className;
+        spec.bounds = {20, 20, 60, 40};
+        return parent.add(spec);
+    };
+    add(add(top, UIA_PaneControlTypeId, L"pane", L"Panel"), UIA_WindowControlTypeId, L"behind a pane", L"Dlg");
+    add(add(top, UIA_WindowControlTypeId, L"dialog", L"Dlg"), UIA_WindowControlTypeId, L"inner", L"Dlg");
+    add(add(top, UIA_CustomControlTypeId, L"canvas", L"SunAwtCanvas"), UIA_WindowControlTypeId, L"in canvas", L"Dlg");
+    const jlong topHandle = handleOf(top);
+    struct Row { const wchar_t* classes; Names found; };
+    const Row rows[] = {
+        {L"", {L"Target", L"dialog", L"inner"}},
+        {L"Panel,SunAwtCanvas", {L"Target", L"pane", L"dialog", L"inner", L"canvas"}},
+    };
+    for (const Row& row : rows) {
+        setPreference(L"deskwright.toplevel.classes", row.classes);
+        EXPECT_EQ(row.found, names(native<jlongArray>("FindAllWindows", topHandle)))
+            << testing::PrintToString(row.classes);
+    }
+}
+
+TEST_F(Discovery, TheElementAtAPointIsTheControlJavaKnows) {
+    fakeuia::Node& top = attachToOwnWindow(L"Target");
+    fakeuia::NodeSpec spec;
+    spec.controlType = UIA_ButtonControlTypeId;
+    spec.name = L"OK";
+    spec.bounds = {20, 20, 60, 40};
+    fakeuia::Node& button = top.add(spec);
+    const jlong buttonHandle = handleOf(button);
+    const jlong desktopHandle = handleOf(platform->desktop());
+    EXPECT_EQ(buttonHandle, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
+    EXPECT_EQ(handleOf(top), native<jlong>("GetElementFromPoint", jint{200}, jint{100}));
+    EXPECT_EQ(desktopHandle, native<jlong>("GetElementFromPoint", jint{5000}, jint{5000}));
+    platform->fail("ElementFromPoint", E_FAIL);
+    EXPECT_EQ(jlong{0}, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
+}

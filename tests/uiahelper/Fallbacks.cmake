@@ -1,0 +1,1 @@
+deskwright_add_tests(fallbacks_test SOURCES Fallbacks_test.cpp)
