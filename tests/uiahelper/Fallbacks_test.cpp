@@ -100,7 +100,6 @@ protected:
         ASSERT_NE(nullptr, edit);
         top = &attachToOwnWindow(L"Target");
         top->update([this](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = frame; });
-        topHandle = handleOf(*top);
     }
     void TearDown() override {
         DestroyWindow(frame);
@@ -114,12 +113,6 @@ protected:
         spec.bounds = bounds;
         return parent.add(spec);
     }
-    // The handle of the newest child.
-    jlong lastChild(jlong parent) {
-        std::vector<jlong> children = host->longs(native<jlongArray>("GetChildren", parent));
-        EXPECT_FALSE(children.empty());
-        return children.empty() ? 0 : children.back();
-    }
     // An attribute as Java reads it; "<null>" for null.
     std::wstring attr(jlong handle, const std::wstring& name) {
         jstring value = native<jstring>("GetAttribute", handle, host->str(name));
@@ -129,7 +122,6 @@ protected:
     HWND frame = nullptr;
     HWND edit = nullptr;
     fakeuia::Node* top = nullptr;
-    jlong topHandle = 0;
 };
 
 }  // namespace
@@ -152,7 +144,7 @@ TEST_F(Fallbacks, ATextOfTheLimitIsTakenFromALongerWindowText) {
         } else if (attribute == L"text") {
             fakeuia::attach<fakeuia::TextSource>(node, platformText);
         }
-        const std::wstring read = attr(lastChild(topHandle), attribute);
+        const std::wstring read = attr(handleOf(node), attribute);
         const std::wstring& wanted = row.fromWindow ? windowText : platformText;
         EXPECT_TRUE(read == wanted) << testing::PrintToString(row.attribute) << " of " << row.length << ": "
                                     << read.size() << " characters, first " << read.substr(0, 1);
@@ -183,20 +175,14 @@ TEST_F(Fallbacks, TheTextIsTheValueOnlyWithoutADocumentRange) {
         if (row.value) {
             fakeuia::attach<fakeuia::ValueSource>(node, L"val");
         }
-        EXPECT_EQ(row.read, attr(lastChild(topHandle), L"text")) << row.what;
+        EXPECT_EQ(row.read, attr(handleOf(node), L"text")) << row.what;
         node.remove();
     }
 }
 
 TEST_F(Fallbacks, AValueIsWrittenOnlyWhereItIsKnownToBeWritable) {
-    struct Row {
-        const char* what;
-        bool readOnly;
-        const char* failing;
-        jboolean result;
-        int setValueCalls;
-        const wchar_t* value;
-    };
+    struct Row { const char* what; bool readOnly; const char* failing; jboolean result; int setValueCalls;
+                 const wchar_t* value; };
     const Row rows[] = {
         {"writable", false, nullptr, JNI_TRUE, 1, L"new"},
         {"read-only", true, nullptr, JNI_FALSE, 0, L"old"},
@@ -205,17 +191,13 @@ TEST_F(Fallbacks, AValueIsWrittenOnlyWhereItIsKnownToBeWritable) {
     };
     for (const Row& row : rows) {
         fakeuia::Node& node = add(*top, UIA_EditControlTypeId, L"field");
-        node.update([this](fakeuia::NodeSpec& spec) {
-            spec.nativeWindowHandle = edit;
-            spec.automationId = L"1001";
-        });
+        node.update([this](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = edit, spec.automationId = L"1001"; });
         auto value = fakeuia::attach<fakeuia::ValueSource>(node, L"old", row.readOnly);
         if (row.failing) {
             value->fail(row.failing, E_FAIL);
         }
         commands.clear();
-        EXPECT_EQ(row.result, native<jboolean>("SetAttribute", lastChild(topHandle), host->str(L"value"),
-                                               host->str(L"new")))
+        EXPECT_EQ(row.result, native<jboolean>("SetAttribute", handleOf(node), host->str(L"value"), host->str(L"new")))
             << row.what;
         EXPECT_EQ(row.setValueCalls, value->setValueCalls) << row.what;
         EXPECT_EQ(row.value, value->value) << row.what;
@@ -242,7 +224,7 @@ TEST_F(Fallbacks, TheWholeStateMaskReadsValid) {
         if (row.failing) {
             legacy->fail(row.failing, E_FAIL);
         }
-        const jlong item = lastChild(topHandle);
+        const jlong item = handleOf(node);
         EXPECT_EQ(row.names, attr(item, L"accstate")) << std::hex << row.state;
         EXPECT_EQ(row.selected, attr(item, L"selected")) << std::hex << row.state;
         node.remove();
@@ -253,14 +235,8 @@ TEST_F(Fallbacks, AMissingDescriptionIsAskedOfTheObjectAtTheTopLeftCorner) {
     dwtest::ImportPatch patch(dll->module(), "AccessibleObjectFromPoint",
                               reinterpret_cast<void*>(&FakeAccessibleObjectFromPoint));
     ASSERT_TRUE(patch.applied());
-    struct Row {
-        const char* what;
-        bool legacy;
-        const wchar_t* description;
-        bool objectThere;
-        const wchar_t* read;
-        size_t asked;
-    };
+    struct Row { const char* what; bool legacy; const wchar_t* description; bool objectThere; const wchar_t* read;
+                 size_t asked; };
     const Row rows[] = {
         {"its own description", true, L"own", true, L"own", 0},
         {"an empty description", true, L"", true, L"from point", 1},
@@ -275,7 +251,7 @@ TEST_F(Fallbacks, AMissingDescriptionIsAskedOfTheObjectAtTheTopLeftCorner) {
         askedPoints.clear();
         objectAtPoint = row.objectThere;
         pointObject.askedChild = 0;
-        EXPECT_EQ(row.read, attr(lastChild(topHandle), L"accdesc")) << row.what;
+        EXPECT_EQ(row.read, attr(handleOf(node), L"accdesc")) << row.what;
         ASSERT_EQ(row.asked, askedPoints.size()) << row.what;
         if (row.asked) {
             EXPECT_EQ(30, askedPoints[0].x) << row.what;
@@ -300,14 +276,15 @@ TEST_F(Fallbacks, CaptionButtonsAreNamedByWhereTheyStand) {
         {L"named", CAPTION_BUTTONS[1], L"own", L"own"},
     };
     for (const Row& row : rows) {
-        fakeuia::Node& button = add(titleBar, UIA_ButtonControlTypeId, row.name, row.bounds);
-        button.update([&](fakeuia::NodeSpec& spec) { spec.automationId = row.automationId; });
+        add(titleBar, UIA_ButtonControlTypeId, row.name, row.bounds).update([&](fakeuia::NodeSpec& spec) {
+            spec.automationId = row.automationId;
+        });
     }
-    const std::vector<jlong> buttons = host->longs(native<jlongArray>("GetChildren", lastChild(topHandle)));
+    const std::vector<jlong> buttons = host->longs(native<jlongArray>("GetChildren", handleOf(titleBar)));
     ASSERT_EQ(std::size(rows), buttons.size());
     for (size_t i = 0; i < buttons.size(); ++i) {
         EXPECT_EQ(rows[i].id, attr(buttons[i], L"id")) << testing::PrintToString(rows[i].name);
     }
-    add(*top, UIA_ButtonControlTypeId, L"outside", CAPTION_BUTTONS[1]);
-    EXPECT_EQ(L"", attr(lastChild(topHandle), L"id")) << "not in a title bar";
+    EXPECT_EQ(L"", attr(handleOf(add(*top, UIA_ButtonControlTypeId, L"outside", CAPTION_BUTTONS[1])), L"id"))
+        << "not in a title bar";
 }
