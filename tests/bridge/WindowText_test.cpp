@@ -5,6 +5,7 @@
 
 #include "ImportPatch.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,7 @@ LRESULT CALLBACK CountingProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lPa
 }
 
 // The system as the driver sees it through its imports.
-std::vector<std::pair<UINT, UINT>> screenReaderSets;  // (action, value)
+int screenReaderSets = 0;
 BOOL screenReader = FALSE;
 std::string debugOutput;
 int deviceContexts = 0;
@@ -31,7 +32,7 @@ int vertRes = 0, desktopVertRes = 0, logPixelsY = 0;
 
 BOOL WINAPI FakeSystemParametersInfoW(UINT action, UINT value, PVOID data, UINT) {
     if (action == SPI_SETSCREENREADER) {
-        screenReaderSets.emplace_back(action, value);
+        ++screenReaderSets;
         screenReader = value != 0;
     } else if (action == SPI_GETSCREENREADER) {
         *static_cast<BOOL*>(data) = screenReader;
@@ -39,10 +40,7 @@ BOOL WINAPI FakeSystemParametersInfoW(UINT action, UINT value, PVOID data, UINT)
     return TRUE;
 }
 void WINAPI FakeOutputDebugStringA(LPCSTR text) { debugOutput += text; }
-HDC WINAPI FakeGetDC(HWND) {
-    ++deviceContexts;
-    return reinterpret_cast<HDC>(0x1234);
-}
+HDC WINAPI FakeGetDC(HWND) { return ++deviceContexts, reinterpret_cast<HDC>(0x1234); }
 int WINAPI FakeReleaseDC(HWND, HDC) { return 1; }
 int WINAPI FakeGetDeviceCaps(HDC, int index) {
     return index == VERTRES ? vertRes : index == DESKTOPVERTRES ? desktopVertRes : index == LOGPIXELSY ? logPixelsY : 0;
@@ -103,11 +101,11 @@ TEST_F(SystemNatives, TheScreenReaderSwitchTakesOnlyItsWords) {
         {"1", 1, TRUE},    {"False", 1, FALSE}, {"10", 0, FALSE}, {"true ", 0, FALSE},
     };
     for (const Row& row : rows) {
-        screenReaderSets.clear();
+        screenReaderSets = 0;
         debugOutput.clear();
         std::string text = row.text;
         enable(nullptr, nullptr, text.data(), SW_SHOW);
-        EXPECT_EQ(static_cast<size_t>(row.sets), screenReaderSets.size()) << "\"" << row.text << "\"";
+        EXPECT_EQ(row.sets, screenReaderSets) << "\"" << row.text << "\"";
         EXPECT_EQ(row.state, screenReader) << "\"" << row.text << "\"";
         EXPECT_EQ("Enable screen reader: " + text + "\nScreen reader enabled: " + std::to_string(row.state) + "\n",
                   debugOutput);
@@ -131,7 +129,7 @@ TEST_F(SystemNatives, TheScaleFactorOfAnUnawareProcessIgnoresItsDpi) {
     patchScreen();
     attachToOwnWindow(L"Target");
     dpiAware = FALSE;
-    vertRes = 720, desktopVertRes = 1080, logPixelsY = 96;
+    vertRes = 720, desktopVertRes = 1080, logPixelsY = 144;  // 150 %, and 150 % more if the DPI counted
     EXPECT_EQ(1.5, native<jdouble>("GetScreenScaleFactor"));
     EXPECT_TRUE(dwtest::LogFile::contains("The process does not seem to be DPI aware!", 3));
 }

@@ -24,15 +24,19 @@ protected:
         SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", nullptr);
         DriverTest::TearDown();
     }
-    fakeuia::Node& topWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd = nullptr) {
+    fakeuia::Node& add(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name,
+                       const std::wstring& className, int pid = 0, HWND hwnd = nullptr) {
         fakeuia::NodeSpec spec;
-        spec.controlType = UIA_WindowControlTypeId;
+        spec.controlType = type;
         spec.name = name;
         spec.className = className;
         spec.processId = pid;
-        spec.bounds = {0, 0, 300, 200};
+        spec.bounds = {20, 20, 60, 40};
         spec.nativeWindowHandle = hwnd;
-        return platform->desktop().add(spec);
+        return parent.add(spec);
+    }
+    fakeuia::Node& topWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd = nullptr) {
+        return add(platform->desktop(), UIA_WindowControlTypeId, name, className, pid, hwnd);
     }
     // Real top-level windows of this process, (title, visible) each. A thread
     // of their own makes them and pumps their messages until the end, as a
@@ -117,12 +121,7 @@ TEST_F(Discovery, ThroughWindowHandlesATitleIsMatchedWithTheWindowText) {
 
 TEST_F(Discovery, AFrameHostsOnlyWindowsOfAnotherProcess) {
     fakeuia::Node& frame = topWindow(L"Frame", L"ApplicationFrameWindow", self());
-    fakeuia::NodeSpec app;
-    app.controlType = UIA_WindowControlTypeId;
-    app.name = L"App";
-    app.className = L"Windows.UI.Core.CoreWindow";
-    app.processId = self();
-    frame.add(app);
+    add(frame, UIA_WindowControlTypeId, L"App", L"Windows.UI.Core.CoreWindow", self());
     EXPECT_EQ(0, attach(L"App", 1000)) << "a child of the frame's own process is no hit";
 
     frame.update([&](fakeuia::NodeSpec& spec) { spec.processId = nobody(); });
@@ -174,15 +173,6 @@ TEST_F(Discovery, ATargetThatCannotBeOpenedStaysAttached) {
 
 TEST_F(Discovery, AllWindowsBelowAnElementAreFoundThroughWindowsOnly) {
     fakeuia::Node& top = attachToOwnWindow(L"Target");
-    auto add = [](fakeuia::Node& parent, CONTROLTYPEID type, const wchar_t* name,
-                  const wchar_t* className) -> fakeuia::Node& {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        spec.name = name;
-        spec.className = className;
-        spec.bounds = {20, 20, 60, 40};
-        return parent.add(spec);
-    };
     add(add(top, UIA_PaneControlTypeId, L"pane", L"Panel"), UIA_WindowControlTypeId, L"behind a pane", L"Dlg");
     add(add(top, UIA_WindowControlTypeId, L"dialog", L"Dlg"), UIA_WindowControlTypeId, L"inner", L"Dlg");
     add(add(top, UIA_CustomControlTypeId, L"canvas", L"SunAwtCanvas"), UIA_WindowControlTypeId, L"in canvas", L"Dlg");
@@ -201,16 +191,10 @@ TEST_F(Discovery, AllWindowsBelowAnElementAreFoundThroughWindowsOnly) {
 
 TEST_F(Discovery, TheElementAtAPointIsTheControlJavaKnows) {
     fakeuia::Node& top = attachToOwnWindow(L"Target");
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_ButtonControlTypeId;
-    spec.name = L"OK";
-    spec.bounds = {20, 20, 60, 40};
-    fakeuia::Node& button = top.add(spec);
-    const jlong buttonHandle = handleOf(button);
-    const jlong desktopHandle = handleOf(platform->desktop());
+    const jlong buttonHandle = handleOf(add(top, UIA_ButtonControlTypeId, L"OK", L"Button"));
     EXPECT_EQ(buttonHandle, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
     EXPECT_EQ(handleOf(top), native<jlong>("GetElementFromPoint", jint{200}, jint{100}));
-    EXPECT_EQ(desktopHandle, native<jlong>("GetElementFromPoint", jint{5000}, jint{5000}));
+    EXPECT_EQ(handleOf(platform->desktop()), native<jlong>("GetElementFromPoint", jint{5000}, jint{5000}));
     platform->fail("ElementFromPoint", E_FAIL);
     EXPECT_EQ(jlong{0}, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
 }
