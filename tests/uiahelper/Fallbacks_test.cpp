@@ -31,9 +31,8 @@ LRESULT CALLBACK FrameProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam
     }
     if (message == WM_COMMAND) {
         commands.emplace_back(wParam, lParam);
-        return 0;
     }
-    return DefWindowProcW(hwnd, message, wParam, lParam);
+    return message == WM_COMMAND ? 0 : DefWindowProcW(hwnd, message, wParam, lParam);
 }
 
 // The accessible object that the system finds at a point: it knows only its
@@ -43,8 +42,7 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
     ULONG STDMETHODCALLTYPE Release() override { return --refs; }
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-        *object = nullptr;
-        return E_NOINTERFACE;
+        return *object = nullptr, E_NOINTERFACE;
     }
     HRESULT STDMETHODCALLTYPE get_accDescription(VARIANT child, BSTR* description) override {
         askedChild = child.vt == VT_I4 ? child.lVal : -1;
@@ -79,8 +77,7 @@ HRESULT WINAPI FakeAccessibleObjectFromPoint(POINT point, IAccessible** object, 
     }
     pointObject.AddRef();
     *object = &pointObject;
-    child->vt = VT_I4;
-    child->lVal = 7;
+    child->vt = VT_I4, child->lVal = 7;
     return S_OK;
 }
 
