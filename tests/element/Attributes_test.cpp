@@ -6,6 +6,7 @@
 #include "FakeUiaPatterns.h"
 #include "SmallStack.h"
 
+#include <functional>
 #include <optional>
 
 using dwtest::DriverTest;
@@ -519,42 +520,6 @@ TEST_F(Attributes, FlatRecordsAndHierarchies) {
         << "an excluded control takes its subtree with it";
     EXPECT_TRUE(hierarchy(topHandle, {L"name"}, {topHandle, 12345}).empty())
         << "the root excluded: an empty String[], not null";
-}
-
-TEST_F(Attributes, FailedHandleChecksGiveTheDocumentedResults) {
-    const jlong bogus = 0x1234;
-    struct Row {
-        const char* name;
-        std::function<bool()> defaultAnswer;
-    };
-    const Row rows[] = {
-        {"GetAttribute", [&] { return host->isNull(native<jstring>("GetAttribute", bogus, host->str(L"name"))); }},
-        {"GetAttributes",
-         [&] { return host->isNull(native<jobjectArray>("GetAttributes", bogus, host->stringArray({L"name"}))); }},
-        {"GetChildrenWithAttributes",
-         [&] { return host->isNull(native<jobjectArray>("GetChildrenWithAttributes", bogus, host->stringArray({}))); }},
-        {"GetHierarchyWithAttributes",
-         [&] {
-             return host->isNull(native<jobjectArray>("GetHierarchyWithAttributes", bogus, host->stringArray({}),
-                                                      host->longArray({})));
-         }},
-        {"SetAttribute",
-         [&] { return !native<jboolean>("SetAttribute", bogus, host->str(L"value"), host->str(L"x")); }},
-        {"GetElementsByProperty",
-         [&] {
-             return host->isNull(
-                 native<jlongArray>("GetElementsByProperty", bogus, host->str(L"name"), host->str(L"x")));
-         }},
-        {"GetClassName", [&] { return host->text(native<jstring>("GetClassName", bogus)).empty(); }},
-        {"GetClassNames", [&] { return host->strings(native<jobjectArray>("GetClassNames", bogus)).empty(); }},
-        {"GetBounds",
-         [&] { return host->ints(native<jintArray>("GetBounds", bogus)) == std::vector<jint>{0, 0, 0, 0}; }},
-    };
-    for (const Row& row : rows) {
-        EXPECT_TRUE(row.defaultAnswer()) << row.name;
-        auto thrown = host->takeException();
-        EXPECT_EQ(L"Invalid handle value", thrown ? thrown->message : L"nothing") << row.name;
-    }
 }
 
 // Runs in a child process of the test: the attribute "throw exception" must
