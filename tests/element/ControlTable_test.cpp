@@ -1,144 +1,243 @@
 // Elements get stable handles through the control table, as Java sees it:
-// child lists, parents, top-level windows, eviction of dead elements.
+// the text keys (read whole through the attribute "rid2"), child lists,
+// parents, eviction of dead elements, omitted children.
 #include "DriverTest.h"
 
 #include "FakeUiaPatterns.h"
+#include "SmallStack.h"
 
 using dwtest::DriverTest;
-using dwtest::LogFile;
 
 namespace {
 
-const char* const INVALID_HANDLE = "net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException";
+const std::vector<int> RID{42, 132456, 4, -1};
+const std::vector<int> NONE{};
 
 class ControlTable : public DriverTest {
 protected:
     void SetUp() override {
         DriverTest::SetUp();
         fakeuia::NodeSpec spec;
-        spec.controlType = UIA_WindowControlTypeId;
-        spec.name = L"Target";
-        spec.className = L"TargetWnd";
+        spec.controlType = UIA_PaneControlTypeId;
+        spec.name = L"Panel";
         spec.processId = static_cast<int>(GetCurrentProcessId());
-        spec.bounds = {100, 200, 500, 600};
+        spec.bounds = {100, 200, 600, 700};
         spec.runtimeId = std::vector<int>{0x2a, 0x1f};
-        top = &platform->desktop().add(spec);
-
-        fakeuia::NodeSpec button;
-        button.controlType = UIA_ButtonControlTypeId;
-        button.name = L"OK";
-        button.runtimeId = std::vector<int>{42, 132456, 4, -1};
-        button.bounds = {110, 220, 180, 250};
-        ok = &top->add(button);
-
-        fakeuia::NodeSpec text;
-        text.controlType = UIA_TextControlTypeId;
-        text.name = L"Total";
-        text.runtimeId = std::vector<int>{};
-        text.bounds = {110, 260, 180, 280};
-        total = &top->add(text);
-
+        pane = &platform->desktop().add(spec);
         ASSERT_NE(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId()), 1000));
-        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000));
     }
-    std::vector<jlong> toplevels() { return host->longs(native<jlongArray>("GetToplevels")); }
+    // A child of the pane; a role makes it a Custom element with that MSAA role.
+    fakeuia::Node& child(CONTROLTYPEID type, const std::wstring& name, std::vector<int> runtimeId, RECT bounds,
+                         DWORD role = 0, int childId = 0) {
+        fakeuia::NodeSpec spec;
+        spec.controlType = role ? UIA_CustomControlTypeId : type;
+        spec.name = name;
+        spec.runtimeId = runtimeId;
+        spec.bounds = bounds;
+        fakeuia::Node& node = pane->add(spec);
+        if (role || childId) {
+            auto legacy = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(node);
+            legacy->role = role;
+            legacy->childId = childId;
+        }
+        return node;
+    }
+    jlong top() {
+        auto tops = host->longs(native<jlongArray>("GetToplevels"));
+        EXPECT_EQ(1u, tops.size());
+        return tops.empty() ? 0 : tops[0];
+    }
     std::vector<jlong> children(jlong handle) { return host->longs(native<jlongArray>("GetChildren", handle)); }
+    std::wstring key(jlong handle) { return host->text(native<jstring>("GetAttribute", handle, host->str(L"rid2"))); }
+    // The message of an InvalidHandleException thrown by the last call, or "".
     std::string thrown() {
         auto exception = host->takeException();
         if (!exception) return "";
-        EXPECT_EQ(INVALID_HANDLE, exception->className);
+        EXPECT_EQ("net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException", exception->className);
         return std::string(exception->message.begin(), exception->message.end());
     }
 
-    fakeuia::Node* top = nullptr;
-    fakeuia::Node* ok = nullptr;
-    fakeuia::Node* total = nullptr;
+    fakeuia::Node* pane = nullptr;
 };
 
 }  // namespace
 
-TEST_F(ControlTable, KeysFollowRuntimeIdsAndNamesAndHandlesStay) {
-    auto tops = toplevels();
-    ASSERT_EQ(1u, tops.size());
-    auto first = children(tops[0]);
-    ASSERT_EQ(2u, first.size());
-    EXPECT_EQ("", thrown());
-    EXPECT_TRUE(LogFile::contains("rid: Button_2a.20568.4.ffffffff", 5)) << "the button's key";
-    EXPECT_TRUE(LogFile::contains("rid: Text_Window_2a.1f_Total", 5)) << "an element without id, under its parent";
+TEST_F(ControlTable, KeysAreExactlyTypeIdOrParentKeyNameAndLocation) {
+    const RECT at = {110, 220, 180, 250};  // relative 10, 20: "_10.20.170.230"
+    struct Row {
+        const char* name;
+        const wchar_t* preference;  // deskwright.rid.append.<this> is "true", the others "false"
+        CONTROLTYPEID type;
+        const wchar_t* element;
+        std::vector<int> runtimeId;
+        RECT bounds;
+        DWORD role;
+        int childId;
+        const wchar_t* key;
+    };
+    const Row rows[] = {
+        {"a runtime id: no location, no parent", L"loc", UIA_ButtonControlTypeId, L"OK", RID, at, 0, 0,
+         L"Button_2a.20568.4.ffffffff"},
+        {"a child id when asked for", L"childid", UIA_ListItemControlTypeId, L"Item", RID, at, 0, 5,
+         L"ListItem_2a.20568.4.ffffffff_5"},
+        {"a child id only when asked for", L"", UIA_ListItemControlTypeId, L"Item", RID, at, 0, 5,
+         L"ListItem_2a.20568.4.ffffffff"},
+        {"a row's name when asked for", L"row.name", 0, L"Row 7", RID, at, ROLE_SYSTEM_ROW, 0,
+         L"ROW_2a.20568.4.ffffffff_Row 7"},
+        {"a row's name only when asked for", L"", 0, L"Row 7", RID, at, ROLE_SYSTEM_ROW, 0,
+         L"ROW_2a.20568.4.ffffffff"},
+        {"no id: the name under the parent's key", L"", UIA_TextControlTypeId, L"Total", NONE, at, 0, 0,
+         L"Text_Pane_2a.1f_Total"},
+        {"no id, asked for the location", L"loc", UIA_TextControlTypeId, L"Total", NONE, at, 0, 0,
+         L"Text_Pane_2a.1f_Total_10.20.170.230"},
+        {"no id: a button by its position", L"", UIA_ButtonControlTypeId, L"OK", NONE, at, 0, 0,
+         L"Button_Pane_2a.1f_OK_10.20.170.230"},
+        {"no id: a split button by its position", L"", UIA_SplitButtonControlTypeId, L"More", NONE, at, 0, 0,
+         L"SplitButton_Pane_2a.1f_More_10.20.170.230"},
+        {"no id: a tab by its position", L"", UIA_TabItemControlTypeId, L"Tab", NONE, at, 0, 0,
+         L"TabItem_Pane_2a.1f_Tab_10.20.170.230"},
+        {"no id, no name: the location", L"", UIA_TextControlTypeId, L"", NONE, {90, 180, 130, 230}, 0, 0,
+         L"Text_Pane_2a.1f__-10.-20.140.250"},
+        {"no id, no bounds, no name", L"", UIA_TextControlTypeId, L"", NONE, {}, 0, 0, L"Text_Pane_2a.1f_"},
+        {"no bounds: never a location", L"loc", UIA_ButtonControlTypeId, L"Zero", NONE, {}, 0, 0,
+         L"Button_Pane_2a.1f_Zero"},
+        {"a row without id whose name ends in a letter", L"", 0, L"Total", NONE, at, ROLE_SYSTEM_ROW, 0,
+         L"ROW_Pane_2a.1f__10.20.170.230"},
+        {"a row without id whose name ends in a digit", L"", 0, L"Row 12", NONE, at, ROLE_SYSTEM_ROW, 0,
+         L"ROW_Pane_2a.1f_Row 12"},
+        {"a row without id, asked for its name", L"row.name", 0, L"Total", NONE, at, ROLE_SYSTEM_ROW, 0,
+         L"ROW_Pane_2a.1f_Total"},
+    };
+    for (const Row& row : rows) {
+        for (const wchar_t* preference : {L"loc", L"childid", L"row.name"}) {
+            setPreference(std::wstring(L"deskwright.rid.append.") + preference,
+                          row.preference == std::wstring(preference) ? L"true" : L"false");
+        }
+        child(row.type, row.element, row.runtimeId, row.bounds, row.role, row.childId);
+        auto handles = children(top());
+        ASSERT_FALSE(handles.empty()) << row.name;
+        EXPECT_EQ(row.key, key(handles.back())) << row.name;
+        pane->children().back()->remove();
+    }
 
-    auto second = children(tops[0]);
-    EXPECT_EQ(first, second) << "a second read gives the same handles";
-    EXPECT_EQ(tops, toplevels());
-    EXPECT_EQ(tops[0], native<jlong>("GetParent", first[0]));
-    // Each control holds one element object: the automation object, and
-    // three elements for three controls.
-    EXPECT_EQ(4, platform->outstandingReferences()) << platform->outstandingBreakdown();
+    // Found by a search, with no parent control at hand: the keys of the
+    // parents without ids are made on the way up.
+    fakeuia::NodeSpec inner;
+    inner.controlType = UIA_TextControlTypeId;
+    inner.name = L"T";
+    inner.runtimeId = NONE;
+    inner.bounds = {120, 230, 150, 240};
+    child(UIA_GroupControlTypeId, L"G", NONE, at).add(inner);
+    auto found = host->longs(native<jlongArray>("GetElementsByProperty", top(), host->str(L"name"), host->str(L"T")));
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(L"Text_Group_Pane_2a.1f_G_T", key(found[0]));
 }
 
-TEST_F(ControlTable, ReleaseControlsInvalidatesEveryHandle) {
-    auto tops = toplevels();
-    auto kids = children(tops[0]);
+TEST_F(ControlTable, RowNamesOfAnyLengthAreTestedOnAJavaThreadsStack) {
+    const std::wstring letters(1000000, L'r');
+    struct Row {
+        const char* name;
+        std::wstring element;
+        std::wstring key;
+    };
+    const std::vector<Row> rows = {
+        {"a name ending in a digit", letters + L"7", L"ROW_Pane_2a.1f_" + letters + L"7"},
+        {"a name ending in a letter", letters, L"ROW_Pane_2a.1f__10.60.170.220"},
+        {"a line break before the digit", L"Row\n7", L"ROW_Pane_2a.1f__10.100.170.220"},
+        {"a line break after the digit", L"Row 7\n", L"ROW_Pane_2a.1f__10.140.170.220"},
+    };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const int y = 220 + 40 * static_cast<int>(i);
+        child(0, rows[i].element, NONE, {110, y, 180, y + 20}, ROLE_SYSTEM_ROW);
+    }
+    std::vector<std::optional<std::wstring>> read;
+    ASSERT_TRUE(dwtest::runOnStack(dwtest::DISPATCH_STACK_BYTES, [&] {
+        JNIEnv* threadEnv = host->attachCurrentThread();
+        auto tops = host->longs(dll->call<jlongArray>("GetToplevels", threadEnv, self));
+        if (tops.size() == 1) {
+            read = host->strings(dll->call<jobjectArray>("GetChildrenWithAttributes", threadEnv, self, tops[0],
+                                                         host->stringArray({L"rid2"})));
+        }
+        host->detachCurrentThread();
+    }));
+    ASSERT_EQ(2 * rows.size(), read.size());
+    for (size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(rows[i].key, read[2 * i + 1].value_or(L"<null>")) << rows[i].name;
+    }
+}
+
+TEST_F(ControlTable, ReadsKeepHandlesAndWidgetsWithOneKeyShareOneControl) {
+    child(UIA_ButtonControlTypeId, L"OK", RID, {110, 220, 180, 250});
+    child(UIA_TextControlTypeId, L"", NONE, {});
+    child(UIA_TextControlTypeId, L"", NONE, {});
+    const jlong window = top();
+    auto first = children(window);
+    ASSERT_EQ(3u, first.size());
+    EXPECT_EQ("", thrown());
+    EXPECT_EQ(first, children(window)) << "a second read gives the same handles";
+    EXPECT_EQ(window, top());
+    EXPECT_EQ(window, native<jlong>("GetParent", first[0]));
+    EXPECT_EQ(first[1], first[2]) << "one key: the later read takes the control over";
+    // The automation object and one element for each of three controls.
+    EXPECT_EQ(4, platform->outstandingReferences()) << platform->outstandingBreakdown();
+
+    const jlong desktop = native<jlong>("GetParent", window);
+    ASSERT_NE(0, desktop);
+    EXPECT_EQ(jlong{0}, native<jlong>("GetParent", desktop)) << "the desktop needs no parent";
+    EXPECT_EQ("", thrown());
+    EXPECT_EQ((std::vector<jlong>{window}), children(desktop));
+
     native<void>("ReleaseControls");
-    children(tops[0]);
+    children(window);
     EXPECT_EQ("Invalid handle value", thrown());
-    native<jlong>("GetParent", kids[1]);
+    native<jlong>("GetParent", first[0]);
     EXPECT_EQ("Invalid handle value", thrown());
     EXPECT_EQ(1, platform->outstandingReferences()) << "only the automation object is held";
 }
 
-TEST_F(ControlTable, ADeadElementIsEvictedOnceAndThenUnknown) {
-    auto tops = toplevels();
-    auto kids = children(tops[0]);
-    ok->remove();
-    native<jlong>("GetParent", kids[0]);
-    EXPECT_EQ("Control does no longer exist", thrown());
-    native<jlong>("GetParent", kids[0]);
-    EXPECT_EQ("Invalid handle value", thrown()) << "the table no longer knows it";
-}
-
-TEST_F(ControlTable, ATypeChangeCountsAsGone) {
-    auto tops = toplevels();
-    auto kids = children(tops[0]);
-    total->update([](fakeuia::NodeSpec& spec) { spec.controlType = UIA_EditControlTypeId; });
-    children(kids[1]);
-    EXPECT_EQ("Control does no longer exist", thrown());
-    EXPECT_TRUE(LogFile::contains("Control seems not to exist any longer", 3));
-    children(kids[1]);
-    EXPECT_EQ("Invalid handle value", thrown());
-}
-
-TEST_F(ControlTable, TheDesktopNeedsNoParent) {
-    auto tops = toplevels();
-    const jlong desktop = native<jlong>("GetParent", tops[0]);
-    ASSERT_NE(0, desktop);
-    EXPECT_EQ(jlong{0}, native<jlong>("GetParent", desktop));
-    EXPECT_EQ("", thrown());
-    EXPECT_EQ(1u, children(desktop).size());
+TEST_F(ControlTable, AGoneElementIsEvictedOnceAndThenUnknown) {
+    fakeuia::Node& removed = child(UIA_ButtonControlTypeId, L"OK", RID, {110, 220, 180, 250});
+    fakeuia::Node& retyped = child(UIA_TextControlTypeId, L"Total", NONE, {110, 260, 180, 280});
+    auto kids = children(top());
+    ASSERT_EQ(2u, kids.size());
+    removed.remove();
+    retyped.update([](fakeuia::NodeSpec& spec) { spec.controlType = UIA_EditControlTypeId; });
+    for (size_t i = 0; i < kids.size(); ++i) {
+        const char* name = i == 0 ? "removed" : "another type";
+        native<jlong>("GetParent", kids[i]);
+        EXPECT_EQ("Control does no longer exist", thrown()) << name;
+        children(kids[i]);
+        EXPECT_EQ("Invalid handle value", thrown()) << name << ": the table no longer knows it";
+    }
+    EXPECT_EQ(2, platform->outstandingReferences()) << "the automation object and the pane";
 }
 
 TEST_F(ControlTable, OffscreenChildrenAreOmittedByStateAndSize) {
+    child(UIA_ButtonControlTypeId, L"OK", RID, {110, 220, 180, 250});
     fakeuia::NodeSpec blank;
     blank.controlType = UIA_CustomControlTypeId;
     blank.isOffscreen = true;
     blank.runtimeId = std::vector<int>{0x2a, 0x99};
-    fakeuia::Node& whitespace = top->add(blank);
-    auto legacy = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(whitespace);
-    legacy->role = ROLE_SYSTEM_WHITESPACE;
-    legacy->state = STATE_SYSTEM_INVISIBLE;
-
+    auto whitespace = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(pane->add(blank));
+    whitespace->role = ROLE_SYSTEM_WHITESPACE;
+    whitespace->state = STATE_SYSTEM_INVISIBLE;
     blank.runtimeId = std::vector<int>{0x2a, 0x9a};
     blank.bounds = {0, 0, 10, 10};
-    fakeuia::Node& selectable = top->add(blank);
-    fakeuia::attach<fakeuia::LegacyIAccessibleSource>(selectable)->state = STATE_SYSTEM_SELECTABLE;
-
-    auto tops = toplevels();
-    EXPECT_EQ(3u, children(tops[0]).size()) << "an invisible whitespace goes, others stay";
-    EXPECT_TRUE(LogFile::contains("Omit invisible", 9));
-
-    native<void>("SetPreference", host->str(L"deskwright.omit.states"), host->str(L"SELECT"));
-    EXPECT_EQ(2u, children(tops[0]).size()) << "SELECT matches SELECTABLE";
-    native<void>("SetPreference", host->str(L"deskwright.omit.states"), host->str(L"A,"));
-    EXPECT_EQ(2u, children(tops[0]).size()) << "an empty entry omits every offscreen child";
-    native<void>("SetPreference", host->str(L"deskwright.omit.states"), host->str(L"FOCUSED"));
-    EXPECT_EQ(3u, children(tops[0]).size());
+    fakeuia::attach<fakeuia::LegacyIAccessibleSource>(pane->add(blank))->state = STATE_SYSTEM_SELECTABLE;
+    struct Row {
+        const char* name;
+        const wchar_t* omitStates;
+        size_t count;
+    };
+    const Row rows[] = {
+        {"by default an invisible whitespace goes", nullptr, 2},
+        {"SELECT matches SELECTABLE", L"SELECT", 1},
+        {"an empty entry omits every offscreen child", L"A,", 1},
+        {"a state that no child has", L"FOCUSED", 2},
+    };
+    const jlong window = top();
+    for (const Row& row : rows) {
+        if (row.omitStates) setPreference(L"deskwright.omit.states", row.omitStates);
+        EXPECT_EQ(row.count, children(window).size()) << row.name;
+    }
 }

@@ -41,6 +41,13 @@ std::wstring hex(int value) {
     return text;
 }
 
+fakeuia::NodeSpec spec(CONTROLTYPEID type, const std::wstring& name, RECT bounds, std::vector<int> runtimeId) {
+    fakeuia::NodeSpec made{type, name};
+    made.bounds = bounds;
+    made.runtimeId = std::move(runtimeId);
+    return made;
+}
+
 // What went wrong anywhere, for the test thread to report.
 struct Findings {
     std::mutex lock;
@@ -127,41 +134,29 @@ protected:
     // A window with groups of items; items with runtime ids and items whose
     // keys are made from their names under their group's key.
     void buildTree() {
-        fakeuia::NodeSpec window;
-        window.controlType = UIA_WindowControlTypeId;
-        window.name = L"Target";
+        fakeuia::NodeSpec window = spec(UIA_WindowControlTypeId, L"Target", {0, 0, 800, 600}, {0x2a, 0x100});
         window.processId = static_cast<int>(GetCurrentProcessId());
-        window.bounds = {0, 0, 800, 600};
-        window.runtimeId = std::vector<int>{0x2a, 0x100};
         fakeuia::Node& top = platform->desktop().add(window);
-        const std::wstring topKey = L"Window_2a.100";
-        keys[L"Target"] = topKey;
+        keys[L"Target"] = L"Window_2a.100";
         keys[L"Desktop"] = L"Pane_2a.10010";
         parents[L"Target"] = L"Desktop";
         for (int g = 0; g < 12; ++g) {
-            fakeuia::NodeSpec group;
-            group.controlType = UIA_GroupControlTypeId;
-            group.name = L"group" + std::to_wstring(g);
-            group.bounds = {10, 10 + 40 * g, 700, 45 + 40 * g};
-            group.runtimeId = std::vector<int>{0x2a, 0x200 + g};
-            fakeuia::Node& groupNode = top.add(group);
-            const std::wstring groupKey = L"Group_2a." + hex(0x200 + g);
-            keys[group.name] = groupKey;
-            parents[group.name] = L"Target";
+            const std::wstring group = L"group" + std::to_wstring(g);
+            fakeuia::Node& groupNode =
+                top.add(spec(UIA_GroupControlTypeId, group, {10, 10 + 40 * g, 700, 45 + 40 * g}, {0x2a, 0x200 + g}));
+            keys[group] = L"Group_2a." + hex(0x200 + g);
+            parents[group] = L"Target";
             for (int i = 0; i < 6; ++i) {
-                fakeuia::NodeSpec item;
-                item.controlType = i % 2 ? UIA_TextControlTypeId : UIA_ButtonControlTypeId;
-                item.name = L"item" + std::to_wstring(g) + L"." + std::to_wstring(i);
-                item.bounds = {20 + 100 * i, 12 + 40 * g, 110 + 100 * i, 40 + 40 * g};
-                if (i % 2) {
-                    item.runtimeId = std::vector<int>{};  // keyed by name under the group
-                    keys[item.name] = L"Text_" + groupKey + L"_" + item.name;
+                const std::wstring item = L"item" + std::to_wstring(g) + L"." + std::to_wstring(i);
+                const RECT bounds = {20 + 100 * i, 12 + 40 * g, 110 + 100 * i, 40 + 40 * g};
+                if (i % 2) {  // keyed by name under the group
+                    groupNode.add(spec(UIA_TextControlTypeId, item, bounds, {}));
+                    keys[item] = L"Text_" + keys[group] + L"_" + item;
                 } else {
-                    item.runtimeId = std::vector<int>{0x2a, 0x1000 + 16 * g + i};
-                    keys[item.name] = L"Button_2a." + hex(0x1000 + 16 * g + i);
+                    groupNode.add(spec(UIA_ButtonControlTypeId, item, bounds, {0x2a, 0x1000 + 16 * g + i}));
+                    keys[item] = L"Button_2a." + hex(0x1000 + 16 * g + i);
                 }
-                parents[item.name] = group.name;
-                groupNode.add(item);
+                parents[item] = group;
             }
         }
     }

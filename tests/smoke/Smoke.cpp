@@ -9,7 +9,6 @@
 #include <objbase.h>
 
 #include <cstdio>
-#include <functional>
 #include <string>
 
 namespace {
@@ -22,17 +21,7 @@ void step(bool ok, const std::string& what) {
     failures += ok ? 0 : 1;
 }
 
-std::string narrow(const std::wstring& text) {
-    return std::string(text.begin(), text.end());
-}
-
-bool waitFor(const std::function<bool()>& done, unsigned ms) {
-    for (unsigned waited = 0; !done(); waited += 20) {
-        if (waited > ms) return false;
-        Sleep(20);
-    }
-    return true;
-}
+std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
 }  // namespace
 
@@ -41,19 +30,12 @@ int main() {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     fakeuia::Platform platform;
     platform.install();
-    fakeuia::NodeSpec window;
-    window.controlType = UIA_WindowControlTypeId;
-    window.name = L"Smoke target";
-    window.className = L"SmokeWindow";
+    fakeuia::NodeSpec window{UIA_WindowControlTypeId, L"Smoke target", L"SmokeWindow"};
     window.processId = static_cast<int>(GetCurrentProcessId());
     window.bounds = {100, 100, 500, 400};
-    fakeuia::Node& target = platform.desktop().add(window);
-    fakeuia::NodeSpec button;
-    button.controlType = UIA_ButtonControlTypeId;
-    button.name = L"OK";
-    button.automationId = L"1001";
+    fakeuia::NodeSpec button{UIA_ButtonControlTypeId, L"OK", L"", L"1001"};
     button.bounds = {120, 350, 200, 380};
-    target.add(button);
+    platform.desktop().add(window).add(button);
 
     jnihost::JavaHost host;
     JNIEnv* env = host.attachCurrentThread();
@@ -112,8 +94,8 @@ int main() {
          "GetChildren(0x1234) threw " + (thrown ? thrown->className + ": " + narrow(thrown->message) : "nothing"));
 
     dll.call<void>("DetachClient", env, self);
-    const bool released = waitFor([&] { return platform.outstandingReferences() == 0; }, 5000);
-    step(released, "DetachClient: the dispatch thread ended; automation objects still held: " +
+    for (int waited = 0; waited < 5000 && platform.outstandingReferences() != 0; waited += 20) Sleep(20);
+    step(platform.outstandingReferences() == 0, "DetachClient: the dispatch thread ended; automation objects still held: " +
                        platform.outstandingBreakdown());
     step(host.violations().empty() && host.outstandingPins() == 0, "no JNI misuse, no pins left");
 

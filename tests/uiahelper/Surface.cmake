@@ -1,1 +1,1 @@
-deskwright_add_tests(surface_test SOURCES Surface_test.cpp SurfacePatterns_test.cpp LIBS helpertest)
+deskwright_add_tests(surface_test SOURCES Surface_test.cpp LIBS helpertest)

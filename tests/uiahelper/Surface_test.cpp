@@ -1,29 +1,126 @@
-// The vocabulary tables and the small property getters of the element helpers.
+// The vocabulary of the element helpers (control types, MSAA roles and
+// states, pattern names) against the platform's constants, and the small
+// getters, each read through an element of the simulated platform.
 #include "HelperTest.h"
 
+#include "FakeUiaPatterns.h"
 #include "uiahelper/UiaHelper.h"
 
 #include <oleacc.h>
 
-#include <algorithm>
-#include <cstdio>
+#include <atomic>
 #include <functional>
-#include <iterator>
-#include <string>
-#include <vector>
 
 using dwtest::ElementRef;
 using dwtest::HelperTest;
 
 namespace {
 
+struct Name {
+    DWORD id;
+    const wchar_t* name;
+};
+
+// Every row of the control-type table, with the platform's constants.
+const Name TYPES[] = {
+    {UIA_ButtonControlTypeId, L"Button"}, {UIA_CalendarControlTypeId, L"Calendar"},
+    {UIA_CheckBoxControlTypeId, L"CheckBox"}, {UIA_ComboBoxControlTypeId, L"ComboBox"},
+    {UIA_EditControlTypeId, L"Edit"}, {UIA_HyperlinkControlTypeId, L"Hyperlink"}, {UIA_ImageControlTypeId, L"Image"},
+    {UIA_ListItemControlTypeId, L"ListItem"}, {UIA_ListControlTypeId, L"List"}, {UIA_MenuControlTypeId, L"Menu"},
+    {UIA_MenuBarControlTypeId, L"MenuBar"}, {UIA_MenuItemControlTypeId, L"MenuItem"},
+    {UIA_ProgressBarControlTypeId, L"ProgressBar"}, {UIA_RadioButtonControlTypeId, L"RadioButton"},
+    {UIA_ScrollBarControlTypeId, L"ScrollBar"}, {UIA_SliderControlTypeId, L"Slider"},
+    {UIA_SpinnerControlTypeId, L"Spinner"}, {UIA_StatusBarControlTypeId, L"StatusBar"},
+    {UIA_TabControlTypeId, L"TabControl"}, {UIA_TabItemControlTypeId, L"TabItem"}, {UIA_TextControlTypeId, L"Text"},
+    {UIA_ToolBarControlTypeId, L"ToolBar"}, {UIA_ToolTipControlTypeId, L"ToolTip"}, {UIA_TreeControlTypeId, L"Tree"},
+    {UIA_TreeItemControlTypeId, L"TreeItem"}, {UIA_CustomControlTypeId, L"Custom"}, {UIA_GroupControlTypeId, L"Group"},
+    {UIA_ThumbControlTypeId, L"Thumb"}, {UIA_DataGridControlTypeId, L"DataGrid"},
+    {UIA_DataItemControlTypeId, L"DataItem"}, {UIA_DocumentControlTypeId, L"Document"},
+    {UIA_SplitButtonControlTypeId, L"SplitButton"}, {UIA_WindowControlTypeId, L"Window"},
+    {UIA_PaneControlTypeId, L"Pane"}, {UIA_HeaderControlTypeId, L"Header"},
+    {UIA_HeaderItemControlTypeId, L"HeaderItem"}, {UIA_TableControlTypeId, L"Table"},
+    {UIA_TitleBarControlTypeId, L"TitleBar"}, {UIA_SeparatorControlTypeId, L"Separator"},
+    {UIA_SemanticZoomControlTypeId, L"SemanticZoom"}, {UIA_AppBarControlTypeId, L"AppBar"},
+};
+
+// Every row of the role table, with the platform's constants.
+const Name ROLES[] = {
+    {ROLE_SYSTEM_TITLEBAR, L"TITLEBAR"}, {ROLE_SYSTEM_MENUBAR, L"MENUBAR"}, {ROLE_SYSTEM_SCROLLBAR, L"SCROLLBAR"},
+    {ROLE_SYSTEM_GRIP, L"GRIP"}, {ROLE_SYSTEM_SOUND, L"SOUND"}, {ROLE_SYSTEM_CURSOR, L"CURSOR"},
+    {ROLE_SYSTEM_CARET, L"CARET"}, {ROLE_SYSTEM_ALERT, L"ALERT"}, {ROLE_SYSTEM_WINDOW, L"WINDOW"},
+    {ROLE_SYSTEM_CLIENT, L"CLIENT"}, {ROLE_SYSTEM_MENUPOPUP, L"MENUPOPUP"}, {ROLE_SYSTEM_MENUITEM, L"MENUITEM"},
+    {ROLE_SYSTEM_TOOLTIP, L"TOOLTIP"}, {ROLE_SYSTEM_APPLICATION, L"APPLICATION"}, {ROLE_SYSTEM_DOCUMENT, L"DOCUMENT"},
+    {ROLE_SYSTEM_PANE, L"PANE"}, {ROLE_SYSTEM_CHART, L"CHART"}, {ROLE_SYSTEM_DIALOG, L"DIALOG"},
+    {ROLE_SYSTEM_BORDER, L"BORDER"}, {ROLE_SYSTEM_GROUPING, L"GROUPING"}, {ROLE_SYSTEM_SEPARATOR, L"SEPARATOR"},
+    {ROLE_SYSTEM_TOOLBAR, L"TOOLBAR"}, {ROLE_SYSTEM_STATUSBAR, L"STATUSBAR"}, {ROLE_SYSTEM_TABLE, L"TABLE"},
+    {ROLE_SYSTEM_COLUMNHEADER, L"COLUMNHEADER"}, {ROLE_SYSTEM_ROWHEADER, L"ROWHEADER"},
+    {ROLE_SYSTEM_COLUMN, L"COLUMN"}, {ROLE_SYSTEM_ROW, L"ROW"}, {ROLE_SYSTEM_CELL, L"CELL"},
+    {ROLE_SYSTEM_LINK, L"LINK"}, {ROLE_SYSTEM_HELPBALLOON, L"HELPBALLOON"}, {ROLE_SYSTEM_CHARACTER, L"CHARACTER"},
+    {ROLE_SYSTEM_LIST, L"LIST"}, {ROLE_SYSTEM_LISTITEM, L"LISTITEM"}, {ROLE_SYSTEM_OUTLINE, L"OUTLINE"},
+    {ROLE_SYSTEM_OUTLINEITEM, L"OUTLINEITEM"}, {ROLE_SYSTEM_PAGETAB, L"PAGETAB"},
+    {ROLE_SYSTEM_PROPERTYPAGE, L"PROPERTYPAGE"}, {ROLE_SYSTEM_INDICATOR, L"INDICATOR"},
+    {ROLE_SYSTEM_GRAPHIC, L"GRAPHIC"}, {ROLE_SYSTEM_STATICTEXT, L"STATICTEXT"}, {ROLE_SYSTEM_TEXT, L"TEXT"},
+    {ROLE_SYSTEM_PUSHBUTTON, L"PUSHBUTTON"}, {ROLE_SYSTEM_CHECKBUTTON, L"CHECKBUTTON"},
+    {ROLE_SYSTEM_RADIOBUTTON, L"RADIOBUTTON"}, {ROLE_SYSTEM_COMBOBOX, L"COMBOBOX"},
+    {ROLE_SYSTEM_DROPLIST, L"DROPLIST"}, {ROLE_SYSTEM_PROGRESSBAR, L"PROGRESSBAR"}, {ROLE_SYSTEM_DIAL, L"DIAL"},
+    {ROLE_SYSTEM_HOTKEYFIELD, L"HOTKEYFIELD"}, {ROLE_SYSTEM_SLIDER, L"SLIDER"},
+    {ROLE_SYSTEM_SPINBUTTON, L"SPINBUTTON"}, {ROLE_SYSTEM_DIAGRAM, L"DIAGRAM"}, {ROLE_SYSTEM_ANIMATION, L"ANIMATION"},
+    {ROLE_SYSTEM_EQUATION, L"EQUATION"}, {ROLE_SYSTEM_BUTTONDROPDOWN, L"BUTTONDROPDOWN"},
+    {ROLE_SYSTEM_BUTTONMENU, L"BUTTONMENU"}, {ROLE_SYSTEM_BUTTONDROPDOWNGRID, L"BUTTONDROPDOWNGRID"},
+    {ROLE_SYSTEM_WHITESPACE, L"WHITESPACE"}, {ROLE_SYSTEM_PAGETABLIST, L"PAGETABLIST"}, {ROLE_SYSTEM_CLOCK, L"CLOCK"},
+    {ROLE_SYSTEM_SPLITBUTTON, L"SPLITBUTTON"}, {ROLE_SYSTEM_IPADDRESS, L"IPADDRESS"},
+    {ROLE_SYSTEM_OUTLINEBUTTON, L"OUTLINEBUTTON"},
+};
+
+// Every row of the state table, with the platform's constants.
+const Name STATES[] = {
+    {STATE_SYSTEM_UNAVAILABLE, L"UNAVAILABLE"}, {STATE_SYSTEM_SELECTED, L"SELECTED"},
+    {STATE_SYSTEM_FOCUSED, L"FOCUSED"}, {STATE_SYSTEM_PRESSED, L"PRESSED"}, {STATE_SYSTEM_CHECKED, L"CHECKED"},
+    {STATE_SYSTEM_MIXED, L"MIXED"}, {STATE_SYSTEM_READONLY, L"READONLY"}, {STATE_SYSTEM_HOTTRACKED, L"HOTTRACKED"},
+    {STATE_SYSTEM_DEFAULT, L"DEFAULT"}, {STATE_SYSTEM_EXPANDED, L"EXPANDED"}, {STATE_SYSTEM_COLLAPSED, L"COLLAPSED"},
+    {STATE_SYSTEM_BUSY, L"BUSY"}, {STATE_SYSTEM_FLOATING, L"FLOATING"}, {STATE_SYSTEM_MARQUEED, L"MARQUEED"},
+    {STATE_SYSTEM_ANIMATED, L"ANIMATED"}, {STATE_SYSTEM_INVISIBLE, L"INVISIBLE"},
+    {STATE_SYSTEM_OFFSCREEN, L"OFFSCREEN"}, {STATE_SYSTEM_SIZEABLE, L"SIZEABLE"}, {STATE_SYSTEM_MOVEABLE, L"MOVEABLE"},
+    {STATE_SYSTEM_SELFVOICING, L"SELFVOICING"}, {STATE_SYSTEM_FOCUSABLE, L"FOCUSABLE"},
+    {STATE_SYSTEM_SELECTABLE, L"SELECTABLE"}, {STATE_SYSTEM_LINKED, L"LINKED"}, {STATE_SYSTEM_TRAVERSED, L"TRAVERSED"},
+    {STATE_SYSTEM_MULTISELECTABLE, L"MULTISELECTABLE"}, {STATE_SYSTEM_EXTSELECTABLE, L"EXTSELECTABLE"},
+    {STATE_SYSTEM_ALERT_LOW, L"ALERT_LOW"}, {STATE_SYSTEM_ALERT_MEDIUM, L"ALERT_MEDIUM"},
+    {STATE_SYSTEM_ALERT_HIGH, L"ALERT_HIGH"}, {STATE_SYSTEM_PROTECTED, L"PROTECTED"},
+    {STATE_SYSTEM_HASPOPUP, L"HASPOPUP"},
+};
+
+// Counts the pattern requests that reach a source of the simulation, and
+// passes them on to it.
+class CountingSource : public fakeuia::PatternSource {
+public:
+    explicit CountingSource(std::shared_ptr<fakeuia::PatternSource> inner) : inner_(std::move(inner)) {}
+    HRESULT open(fakeuia::Node& node, REFIID riid, void** object) override {
+        ++opens;
+        return inner_->open(node, riid, object);
+    }
+    std::atomic<int> opens{0};
+
+private:
+    std::shared_ptr<fakeuia::PatternSource> inner_;
+};
+
 class Surface : public HelperTest {
 protected:
-    fakeuia::Node& node(const fakeuia::NodeSpec& spec) { return window(L"w").add(spec); }
-    fakeuia::Node& node(CONTROLTYPEID type) {
+    fakeuia::Node& node(CONTROLTYPEID type, const std::function<void(fakeuia::NodeSpec&)>& more = {}) {
         fakeuia::NodeSpec spec;
         spec.controlType = type;
-        return node(spec);
+        if (more) more(spec);
+        return window(L"w").add(spec);
+    }
+    // A node with an MSAA role (or none: no LegacyIAccessible pattern), whose
+    // requests for that pattern are counted.
+    fakeuia::Node& withRole(CONTROLTYPEID type, std::optional<DWORD> role) {
+        fakeuia::Node& n = node(type);
+        legacy = std::make_shared<fakeuia::LegacyIAccessibleSource>();
+        legacy->role = role.value_or(0);
+        roleRequests = std::make_shared<CountingSource>(legacy);
+        if (role) n.attachPattern(UIA_LegacyIAccessiblePatternId, roleRequests);
+        return n;
     }
     std::wstring typeOf(IUIAutomationElement* element, HRESULT* code = nullptr) {
         std::wstring type = L"<untouched>";
@@ -31,405 +128,344 @@ protected:
         if (code) *code = hr;
         return type;
     }
-};
+    std::wstring roleOf(fakeuia::Node& n) { return UiaHelper::GetAccRoleName(ElementRef(elementOf(n)).get()); }
+    std::wstring patternsOf(fakeuia::Node& n) { return UiaHelper::GetControlPatterns(ElementRef(elementOf(n)).get()); }
+    // Every small getter in one text.
+    static std::wstring getters(IUIAutomationElement* e) {
+        return L"hwnd=" + std::to_wstring(reinterpret_cast<std::uintptr_t>(UiaHelper::GetControlHwnd(e))) +
+               L" offscreen=" + std::to_wstring(UiaHelper::IsControlOffscreen(e)) + L" focus=" +
+               std::to_wstring(UiaHelper::HasControlFocus(e)) + L" enabled=" +
+               std::to_wstring(UiaHelper::IsControlEnabled(e)) + L" help=" + UiaHelper::GetControlHelpText(e) +
+               L" provider=" + UiaHelper::GetControlProviderDescription(e) + L" orientation=" +
+               std::to_wstring(UiaHelper::GetControlOrientation(e)) + L" level=" +
+               std::to_wstring(UiaHelper::GetControlLevel(e)) + L" type=" +
+               std::to_wstring(UiaHelper::GetControlTypeId(e));
+    }
 
-struct TypeRow {
-    CONTROLTYPEID id;
-    const wchar_t* name;
-};
-
-// Every row of the control-type table, with the platform's constants.
-const TypeRow TYPE_ROWS[] = {
-    {UIA_ButtonControlTypeId, L"Button"},         {UIA_CalendarControlTypeId, L"Calendar"},
-    {UIA_CheckBoxControlTypeId, L"CheckBox"},     {UIA_ComboBoxControlTypeId, L"ComboBox"},
-    {UIA_EditControlTypeId, L"Edit"},             {UIA_HyperlinkControlTypeId, L"Hyperlink"},
-    {UIA_ImageControlTypeId, L"Image"},           {UIA_ListItemControlTypeId, L"ListItem"},
-    {UIA_ListControlTypeId, L"List"},             {UIA_MenuControlTypeId, L"Menu"},
-    {UIA_MenuBarControlTypeId, L"MenuBar"},       {UIA_MenuItemControlTypeId, L"MenuItem"},
-    {UIA_ProgressBarControlTypeId, L"ProgressBar"}, {UIA_RadioButtonControlTypeId, L"RadioButton"},
-    {UIA_ScrollBarControlTypeId, L"ScrollBar"},   {UIA_SliderControlTypeId, L"Slider"},
-    {UIA_SpinnerControlTypeId, L"Spinner"},       {UIA_StatusBarControlTypeId, L"StatusBar"},
-    {UIA_TabControlTypeId, L"TabControl"},        {UIA_TabItemControlTypeId, L"TabItem"},
-    {UIA_TextControlTypeId, L"Text"},             {UIA_ToolBarControlTypeId, L"ToolBar"},
-    {UIA_ToolTipControlTypeId, L"ToolTip"},       {UIA_TreeControlTypeId, L"Tree"},
-    {UIA_TreeItemControlTypeId, L"TreeItem"},     {UIA_CustomControlTypeId, L"Custom"},
-    {UIA_GroupControlTypeId, L"Group"},           {UIA_ThumbControlTypeId, L"Thumb"},
-    {UIA_DataGridControlTypeId, L"DataGrid"},     {UIA_DataItemControlTypeId, L"DataItem"},
-    {UIA_DocumentControlTypeId, L"Document"},     {UIA_SplitButtonControlTypeId, L"SplitButton"},
-    {UIA_WindowControlTypeId, L"Window"},         {UIA_PaneControlTypeId, L"Pane"},
-    {UIA_HeaderControlTypeId, L"Header"},         {UIA_HeaderItemControlTypeId, L"HeaderItem"},
-    {UIA_TableControlTypeId, L"Table"},           {UIA_TitleBarControlTypeId, L"TitleBar"},
-    {UIA_SeparatorControlTypeId, L"Separator"},   {UIA_SemanticZoomControlTypeId, L"SemanticZoom"},
-    {UIA_AppBarControlTypeId, L"AppBar"},
-};
-
-struct RoleRow {
-    DWORD role;
-    const wchar_t* name;
-};
-
-// Every row of the role table, with the platform's constants.
-const RoleRow ROLE_ROWS[] = {
-    {ROLE_SYSTEM_TITLEBAR, L"TITLEBAR"},       {ROLE_SYSTEM_MENUBAR, L"MENUBAR"},
-    {ROLE_SYSTEM_SCROLLBAR, L"SCROLLBAR"},     {ROLE_SYSTEM_GRIP, L"GRIP"},
-    {ROLE_SYSTEM_SOUND, L"SOUND"},             {ROLE_SYSTEM_CURSOR, L"CURSOR"},
-    {ROLE_SYSTEM_CARET, L"CARET"},             {ROLE_SYSTEM_ALERT, L"ALERT"},
-    {ROLE_SYSTEM_WINDOW, L"WINDOW"},           {ROLE_SYSTEM_CLIENT, L"CLIENT"},
-    {ROLE_SYSTEM_MENUPOPUP, L"MENUPOPUP"},     {ROLE_SYSTEM_MENUITEM, L"MENUITEM"},
-    {ROLE_SYSTEM_TOOLTIP, L"TOOLTIP"},         {ROLE_SYSTEM_APPLICATION, L"APPLICATION"},
-    {ROLE_SYSTEM_DOCUMENT, L"DOCUMENT"},       {ROLE_SYSTEM_PANE, L"PANE"},
-    {ROLE_SYSTEM_CHART, L"CHART"},             {ROLE_SYSTEM_DIALOG, L"DIALOG"},
-    {ROLE_SYSTEM_BORDER, L"BORDER"},           {ROLE_SYSTEM_GROUPING, L"GROUPING"},
-    {ROLE_SYSTEM_SEPARATOR, L"SEPARATOR"},     {ROLE_SYSTEM_TOOLBAR, L"TOOLBAR"},
-    {ROLE_SYSTEM_STATUSBAR, L"STATUSBAR"},     {ROLE_SYSTEM_TABLE, L"TABLE"},
-    {ROLE_SYSTEM_COLUMNHEADER, L"COLUMNHEADER"}, {ROLE_SYSTEM_ROWHEADER, L"ROWHEADER"},
-    {ROLE_SYSTEM_COLUMN, L"COLUMN"},           {ROLE_SYSTEM_ROW, L"ROW"},
-    {ROLE_SYSTEM_CELL, L"CELL"},               {ROLE_SYSTEM_LINK, L"LINK"},
-    {ROLE_SYSTEM_HELPBALLOON, L"HELPBALLOON"}, {ROLE_SYSTEM_CHARACTER, L"CHARACTER"},
-    {ROLE_SYSTEM_LIST, L"LIST"},               {ROLE_SYSTEM_LISTITEM, L"LISTITEM"},
-    {ROLE_SYSTEM_OUTLINE, L"OUTLINE"},         {ROLE_SYSTEM_OUTLINEITEM, L"OUTLINEITEM"},
-    {ROLE_SYSTEM_PAGETAB, L"PAGETAB"},         {ROLE_SYSTEM_PROPERTYPAGE, L"PROPERTYPAGE"},
-    {ROLE_SYSTEM_INDICATOR, L"INDICATOR"},     {ROLE_SYSTEM_GRAPHIC, L"GRAPHIC"},
-    {ROLE_SYSTEM_STATICTEXT, L"STATICTEXT"},   {ROLE_SYSTEM_TEXT, L"TEXT"},
-    {ROLE_SYSTEM_PUSHBUTTON, L"PUSHBUTTON"},   {ROLE_SYSTEM_CHECKBUTTON, L"CHECKBUTTON"},
-    {ROLE_SYSTEM_RADIOBUTTON, L"RADIOBUTTON"}, {ROLE_SYSTEM_COMBOBOX, L"COMBOBOX"},
-    {ROLE_SYSTEM_DROPLIST, L"DROPLIST"},       {ROLE_SYSTEM_PROGRESSBAR, L"PROGRESSBAR"},
-    {ROLE_SYSTEM_DIAL, L"DIAL"},               {ROLE_SYSTEM_HOTKEYFIELD, L"HOTKEYFIELD"},
-    {ROLE_SYSTEM_SLIDER, L"SLIDER"},           {ROLE_SYSTEM_SPINBUTTON, L"SPINBUTTON"},
-    {ROLE_SYSTEM_DIAGRAM, L"DIAGRAM"},         {ROLE_SYSTEM_ANIMATION, L"ANIMATION"},
-    {ROLE_SYSTEM_EQUATION, L"EQUATION"},       {ROLE_SYSTEM_BUTTONDROPDOWN, L"BUTTONDROPDOWN"},
-    {ROLE_SYSTEM_BUTTONMENU, L"BUTTONMENU"},   {ROLE_SYSTEM_BUTTONDROPDOWNGRID, L"BUTTONDROPDOWNGRID"},
-    {ROLE_SYSTEM_WHITESPACE, L"WHITESPACE"},   {ROLE_SYSTEM_PAGETABLIST, L"PAGETABLIST"},
-    {ROLE_SYSTEM_CLOCK, L"CLOCK"},             {ROLE_SYSTEM_SPLITBUTTON, L"SPLITBUTTON"},
-    {ROLE_SYSTEM_IPADDRESS, L"IPADDRESS"},     {ROLE_SYSTEM_OUTLINEBUTTON, L"OUTLINEBUTTON"},
-};
-
-struct StateRow {
-    DWORD bit;
-    const wchar_t* name;
-};
-
-// Every row of the state table, with the platform's constants.
-const StateRow STATE_ROWS[] = {
-    {STATE_SYSTEM_UNAVAILABLE, L"UNAVAILABLE"},         {STATE_SYSTEM_SELECTED, L"SELECTED"},
-    {STATE_SYSTEM_FOCUSED, L"FOCUSED"},                 {STATE_SYSTEM_PRESSED, L"PRESSED"},
-    {STATE_SYSTEM_CHECKED, L"CHECKED"},                 {STATE_SYSTEM_MIXED, L"MIXED"},
-    {STATE_SYSTEM_READONLY, L"READONLY"},               {STATE_SYSTEM_HOTTRACKED, L"HOTTRACKED"},
-    {STATE_SYSTEM_DEFAULT, L"DEFAULT"},                 {STATE_SYSTEM_EXPANDED, L"EXPANDED"},
-    {STATE_SYSTEM_COLLAPSED, L"COLLAPSED"},             {STATE_SYSTEM_BUSY, L"BUSY"},
-    {STATE_SYSTEM_FLOATING, L"FLOATING"},               {STATE_SYSTEM_MARQUEED, L"MARQUEED"},
-    {STATE_SYSTEM_ANIMATED, L"ANIMATED"},               {STATE_SYSTEM_INVISIBLE, L"INVISIBLE"},
-    {STATE_SYSTEM_OFFSCREEN, L"OFFSCREEN"},             {STATE_SYSTEM_SIZEABLE, L"SIZEABLE"},
-    {STATE_SYSTEM_MOVEABLE, L"MOVEABLE"},               {STATE_SYSTEM_SELFVOICING, L"SELFVOICING"},
-    {STATE_SYSTEM_FOCUSABLE, L"FOCUSABLE"},             {STATE_SYSTEM_SELECTABLE, L"SELECTABLE"},
-    {STATE_SYSTEM_LINKED, L"LINKED"},                   {STATE_SYSTEM_TRAVERSED, L"TRAVERSED"},
-    {STATE_SYSTEM_MULTISELECTABLE, L"MULTISELECTABLE"}, {STATE_SYSTEM_EXTSELECTABLE, L"EXTSELECTABLE"},
-    {STATE_SYSTEM_ALERT_LOW, L"ALERT_LOW"},             {STATE_SYSTEM_ALERT_MEDIUM, L"ALERT_MEDIUM"},
-    {STATE_SYSTEM_ALERT_HIGH, L"ALERT_HIGH"},           {STATE_SYSTEM_PROTECTED, L"PROTECTED"},
-    {STATE_SYSTEM_HASPOPUP, L"HASPOPUP"},
+    std::shared_ptr<fakeuia::LegacyIAccessibleSource> legacy;
+    std::shared_ptr<CountingSource> roleRequests;
 };
 
 }  // namespace
 
-// --- The tables ----------------------------------------------------------------
-
-TEST(SurfaceTables, ControlTypeNamesFollowThePlatformIds) {
-    ASSERT_EQ(41u, UiaHelper::CONTROL_TYPE_NAMES.size());
-    ASSERT_EQ(41u, std::size(TYPE_ROWS));
-    for (const TypeRow& row : TYPE_ROWS) {
-        const size_t index = static_cast<size_t>(row.id - UiaHelper::FIRST_CONTROL_TYPE_ID);
-        ASSERT_LT(index, UiaHelper::CONTROL_TYPE_NAMES.size()) << row.id;
-        EXPECT_STREQ(row.name, UiaHelper::CONTROL_TYPE_NAMES[index]) << row.id;
-    }
-}
-
-TEST(SurfaceTables, RoleNamesFollowThePlatformRoles) {
-    ASSERT_EQ(64u, UiaHelper::ACC_ROLE_NAMES.size());
-    ASSERT_EQ(64u, std::size(ROLE_ROWS));
-    for (const RoleRow& row : ROLE_ROWS) {
-        ASSERT_GE(row.role, 1u);
-        ASSERT_LE(row.role, 64u);
-        EXPECT_STREQ(row.name, UiaHelper::ACC_ROLE_NAMES[row.role - 1]) << row.role;
-    }
-}
-
-TEST(SurfaceTables, StateNamesFollowThePlatformBits) {
-    ASSERT_EQ(31u, UiaHelper::ACC_STATE_NAMES.size());
-    ASSERT_EQ(31u, std::size(STATE_ROWS));
-    for (const StateRow& row : STATE_ROWS) {
-        const unsigned long bit = row.bit;
-        int number = 0;
-        while (number < 31 && (1ul << number) != bit) ++number;
-        ASSERT_LT(number, 31) << std::hex << bit;
-        EXPECT_STREQ(row.name, UiaHelper::ACC_STATE_NAMES[static_cast<size_t>(number)]) << number;
-    }
-}
-
-TEST(SurfaceTables, MarkerWords) {
-    EXPECT_STREQ(L"NN", UiaHelper::NAME_NOT_READ);
-    EXPECT_STREQ(L"UNKNOWN", UiaHelper::CONTROL_TYPE_UNKNOWN);
-    EXPECT_STREQ(L"NORMAL", UiaHelper::ACC_STATE_NORMAL);
-    EXPECT_STREQ(L"VALID", UiaHelper::ACC_STATE_VALID);
-    EXPECT_EQ(0x7FFFFFFFul, UiaHelper::ACC_STATE_VALID_MASK);
-}
-
-TEST(SurfaceTables, ControlTypeIdFromNameFindsEveryRow) {
-    for (const TypeRow& row : TYPE_ROWS) {
-        EXPECT_EQ(row.id, UiaHelper::ControlTypeIdFromName(row.name)) << std::wstring(row.name).size();
-    }
-}
-
-TEST(SurfaceTables, ControlTypeIdFromNameNeedsAnExactName) {
-    for (const wchar_t* name : {L"ROW", L"CLIENT", L"button", L"Button ", L"", L"NN", L"UNKNOWN", L"Butto"}) {
-        EXPECT_EQ(-1, UiaHelper::ControlTypeIdFromName(name)) << std::wstring(name).size();
-    }
-}
-
-// --- Control type ------------------------------------------------------------------
-
-TEST_F(Surface, ControlTypeOfEveryRow) {
-    for (const TypeRow& row : TYPE_ROWS) {
-        if (row.id == UIA_CustomControlTypeId) continue;  // reads the MSAA role: tested below
-        ElementRef element(elementOf(node(row.id)));
+TEST_F(Surface, ControlTypesByIdAndByName) {
+    ASSERT_EQ(std::size(TYPES), UiaHelper::CONTROL_TYPE_NAMES.size());
+    for (const Name& row : TYPES) {
+        ElementRef element(elementOf(node(static_cast<CONTROLTYPEID>(row.id))));
         HRESULT hr = E_FAIL;
         EXPECT_EQ(row.name, typeOf(element.get(), &hr)) << row.id;
-        EXPECT_EQ(S_OK, hr);
-        EXPECT_EQ(row.id, UiaHelper::GetControlTypeId(element.get()));
+        EXPECT_EQ(S_OK, hr) << row.id;
+        EXPECT_EQ(static_cast<int>(row.id), UiaHelper::GetControlTypeId(element.get())) << row.id;
+        EXPECT_EQ(static_cast<int>(row.id), UiaHelper::ControlTypeIdFromName(row.name)) << row.id;
     }
-}
-
-TEST_F(Surface, ControlTypeIdJustPastTheTableIsUnknown) {
-    ElementRef element(elementOf(node(UIA_AppBarControlTypeId + 1)));  // 50041
-    HRESULT hr = E_FAIL;
-    EXPECT_EQ(L"UNKNOWN", typeOf(element.get(), &hr));
-    EXPECT_EQ(S_OK, hr);
-    EXPECT_EQ(50041, UiaHelper::GetControlTypeId(element.get()));
-}
-
-TEST_F(Surface, ControlTypeIdsOutsideTheTableAreUnknown) {
     for (CONTROLTYPEID id : {0, 1, 49999, 50041, 50100, -50000, 0x7fffffff}) {
         ElementRef element(elementOf(node(id)));
-        EXPECT_EQ(L"UNKNOWN", typeOf(element.get())) << id;
+        HRESULT hr = E_FAIL;
+        EXPECT_EQ(L"UNKNOWN", typeOf(element.get(), &hr)) << id;
+        EXPECT_EQ(S_OK, hr) << id;
+        EXPECT_EQ(id, UiaHelper::GetControlTypeId(element.get())) << id;
+    }
+    for (const wchar_t* name : {L"ROW", L"CLIENT", L"button", L"Button ", L"", L"NN", L"UNKNOWN", L"Butto"}) {
+        EXPECT_EQ(-1, UiaHelper::ControlTypeIdFromName(name)) << "'" << std::wstring(name).size() << "' characters";
     }
 }
 
-TEST_F(Surface, CustomWithoutLegacyPatternStaysCustom) {
-    ElementRef element(elementOf(node(UIA_CustomControlTypeId)));
-    HRESULT hr = E_FAIL;
-    EXPECT_EQ(L"Custom", typeOf(element.get(), &hr));
-    EXPECT_EQ(S_OK, hr);
-    EXPECT_EQ(L"NN", UiaHelper::GetAccRoleName(element.get()));
-}
-
-TEST_F(Surface, AccessDeniedGivesAnEmptyTypeAndTheCode) {
-    fakeuia::Node& n = node(UIA_ButtonControlTypeId);
-    n.fail("get_CurrentControlType", E_ACCESSDENIED);
-    ElementRef element(elementOf(n));
+// A Custom element takes a ROW role as its type; a failed read other than
+// access denied takes the role's name.
+TEST_F(Surface, ControlTypesWithTheMsaaRoleAndFailures) {
+    const DWORD UNREADABLE = 65;
+    struct Row {
+        const char* name;
+        CONTROLTYPEID type;
+        std::optional<DWORD> role;  // none: no LegacyIAccessible pattern
+        HRESULT typeFailure;        // of get_CurrentControlType
+        const char* roleFailure;    // a failing method of the role's pattern, or null
+        const wchar_t* expected;
+        HRESULT code;
+        int roleRequests;
+    };
+    const Row rows[] = {
+        {"Custom with role ROW", UIA_CustomControlTypeId, ROLE_SYSTEM_ROW, S_OK, nullptr, L"ROW", S_OK, 1},
+        {"Custom with role CLIENT", UIA_CustomControlTypeId, ROLE_SYSTEM_CLIENT, S_OK, nullptr, L"Custom", S_OK, 1},
+        {"Custom with a role outside the table", UIA_CustomControlTypeId, UNREADABLE, S_OK, nullptr, L"Custom", S_OK, 1},
+        {"Custom with a failed role read", UIA_CustomControlTypeId, ROLE_SYSTEM_ROW, S_OK, "get_CurrentRole", L"Custom",
+         S_OK, 1},
+        {"Custom without the pattern", UIA_CustomControlTypeId, std::nullopt, S_OK, nullptr, L"Custom", S_OK, 0},
+        {"Button reads no role", UIA_ButtonControlTypeId, ROLE_SYSTEM_ROW, S_OK, nullptr, L"Button", S_OK, 0},
+        {"Pane reads no role", UIA_PaneControlTypeId, ROLE_SYSTEM_ROW, S_OK, nullptr, L"Pane", S_OK, 0},
+        {"DataItem reads no role", UIA_DataItemControlTypeId, ROLE_SYSTEM_ROW, S_OK, nullptr, L"DataItem", S_OK, 0},
+        {"an unknown type reads no role", 50041, ROLE_SYSTEM_ROW, S_OK, nullptr, L"UNKNOWN", S_OK, 0},
+        {"access denied: no type, no role", UIA_CustomControlTypeId, ROLE_SYSTEM_ROW, E_ACCESSDENIED, nullptr, L"",
+         E_ACCESSDENIED, 0},
+        {"another failure takes the role", UIA_ButtonControlTypeId, ROLE_SYSTEM_ROW, E_FAIL, nullptr, L"ROW", E_FAIL, 1},
+        {"another failure with role CLIENT", UIA_ButtonControlTypeId, ROLE_SYSTEM_CLIENT, E_UNEXPECTED, nullptr, L"NN",
+         E_UNEXPECTED, 1},
+        {"another failure without role", UIA_ButtonControlTypeId, std::nullopt, E_FAIL, nullptr, L"NN", E_FAIL, 0},
+    };
+    for (const Row& row : rows) {
+        fakeuia::Node& n = withRole(row.type, row.role);
+        if (FAILED(row.typeFailure)) n.fail("get_CurrentControlType", row.typeFailure);
+        if (row.roleFailure) legacy->fail(row.roleFailure, E_FAIL);
+        ElementRef element(elementOf(n));
+        HRESULT hr = S_OK;
+        EXPECT_EQ(row.expected, typeOf(element.get(), &hr)) << row.name;
+        EXPECT_EQ(row.code, hr) << row.name;
+        EXPECT_EQ(row.roleRequests, roleRequests->opens.load()) << row.name;
+        if (FAILED(row.typeFailure)) {
+            EXPECT_EQ(0, UiaHelper::GetControlTypeId(element.get())) << row.name;
+        }
+    }
+    fakeuia::Node& gone = node(UIA_ButtonControlTypeId);
+    ElementRef element(elementOf(gone));
+    gone.remove();
     HRESULT hr = S_OK;
-    EXPECT_EQ(L"", typeOf(element.get(), &hr));
-    EXPECT_EQ(E_ACCESSDENIED, hr);
-    EXPECT_EQ(0, UiaHelper::GetControlTypeId(element.get()));
-}
-
-TEST_F(Surface, OtherFailureWithoutRoleGivesNNAndTheCode) {
-    fakeuia::Node& n = node(UIA_ButtonControlTypeId);
-    n.fail("get_CurrentControlType", E_FAIL);
-    ElementRef element(elementOf(n));
-    HRESULT hr = S_OK;
-    EXPECT_EQ(L"NN", typeOf(element.get(), &hr));
-    EXPECT_EQ(E_FAIL, hr);
-    EXPECT_EQ(0, UiaHelper::GetControlTypeId(element.get()));
-}
-
-TEST_F(Surface, GoneElementGivesNNAndTheCode) {
-    fakeuia::Node& n = node(UIA_ButtonControlTypeId);
-    ElementRef element(elementOf(n));
-    n.remove();
-    HRESULT hr = S_OK;
-    EXPECT_EQ(L"NN", typeOf(element.get(), &hr));
+    EXPECT_EQ(L"NN", typeOf(element.get(), &hr)) << "a gone element";
     EXPECT_EQ(fakeuia::kElementNotAvailable, hr);
 }
 
-// --- Null elements -------------------------------------------------------------------
+TEST_F(Surface, RolesAndStatesByTheirConstants) {
+    ASSERT_EQ(std::size(ROLES), UiaHelper::ACC_ROLE_NAMES.size());
+    ASSERT_EQ(std::size(STATES), UiaHelper::ACC_STATE_NAMES.size());
+    fakeuia::Node& n = withRole(UIA_ButtonControlTypeId, 0);
+    for (const Name& row : ROLES) {
+        legacy->role = row.id;
+        EXPECT_EQ(row.name, roleOf(n)) << row.id;
+    }
+    for (DWORD role : {0ul, 65ul, 0x100ul, 0xfffffffful}) {
+        legacy->role = role;
+        EXPECT_EQ(L"NN", roleOf(n)) << "outside the table: " << role;
+    }
+    for (const Name& row : STATES) {
+        legacy->state = row.id;
+        EXPECT_EQ(row.name, UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get())) << std::hex << row.id;
+    }
+    legacy->state = STATE_SYSTEM_SELECTED | STATE_SYSTEM_FOCUSABLE | 0x80000000ul;
+    EXPECT_EQ(L"SELECTED,FOCUSABLE", UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get()))
+        << "bits outside the table have no word";
+    legacy->state = 0;
+    EXPECT_EQ(L"NORMAL", UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get()));
+    legacy->state = 0x7FFFFFFFul;
+    EXPECT_EQ(L"VALID", UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get())) << "every valid bit";
 
-TEST_F(Surface, NullElementDefaults) {
-    std::wstring type = L"old";
-    EXPECT_EQ(E_INVALIDARG, UiaHelper::GetControlType(nullptr, type));
-    EXPECT_EQ(L"", type);
-    EXPECT_EQ(0, UiaHelper::GetControlTypeId(nullptr));
-    EXPECT_EQ(nullptr, UiaHelper::GetControlHwnd(nullptr));
-    EXPECT_EQ(L"", UiaHelper::GetControlHelpText(nullptr));
-    EXPECT_EQ(L"", UiaHelper::GetControlProviderDescription(nullptr));
-    EXPECT_EQ(-1, UiaHelper::GetControlOrientation(nullptr));
-    EXPECT_FALSE(UiaHelper::IsControlOffscreen(nullptr));
-    EXPECT_TRUE(UiaHelper::IsControlEnabled(nullptr));
-    EXPECT_FALSE(UiaHelper::HasControlFocus(nullptr));
-    EXPECT_EQ(-1, UiaHelper::GetControlLevel(nullptr));
-    EXPECT_EQ(L" ", UiaHelper::GetControlPatterns(nullptr));
-    EXPECT_EQ(L"NN", UiaHelper::GetAccRoleName(nullptr));
-    double value = 7, minimum = 8, maximum = 9;
-    EXPECT_EQ(E_INVALIDARG, UiaHelper::GetRangeValue(nullptr, value, minimum, maximum));
-    EXPECT_EQ(7, value);
-    EXPECT_EQ(8, minimum);
-    EXPECT_EQ(9, maximum);
-    EXPECT_EQ(E_INVALIDARG, UiaHelper::SetRangeValue(nullptr, 1.0));
-    int pid = 5;
-    EXPECT_EQ(E_INVALIDARG, UiaHelper::GetControlProcessId(nullptr, &pid));
-    EXPECT_EQ(0, pid);
-    EXPECT_EQ(L"", UiaHelper::GetControlClassName(nullptr));
+    legacy->role = ROLE_SYSTEM_ROW;
+    legacy->fail("get_CurrentRole", E_FAIL);
+    EXPECT_EQ(L"NN", roleOf(n)) << "a failed role read";
+    legacy->clearFailures();
+    legacy->available = false;
+    EXPECT_EQ(L"NN", roleOf(n)) << "a pattern not available now";
+    legacy->available = true;
+    n.fail("GetCurrentPatternAs", E_FAIL);
+    EXPECT_EQ(L"NN", roleOf(n)) << "a failed pattern request";
 }
 
-// --- The small getters -----------------------------------------------------------------
-
-TEST_F(Surface, GettersReadTheProperties) {
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_SliderControlTypeId;
-    spec.nativeWindowHandle = fakeuia::hwnd(0x4242);
-    spec.isOffscreen = true;
-    spec.hasKeyboardFocus = true;
-    spec.isEnabled = false;
-    spec.helpText = L"Drag to choose";
-    spec.providerDescription = L"[pid:4711,providerId:0x0 Main:Nested [pid:4711] (unmanaged:uiautomationcore.dll)]";
-    spec.orientation = OrientationType_Vertical;
-    ElementRef element(elementOf(node(spec)));
-    EXPECT_EQ(reinterpret_cast<HWND>(0x4242), UiaHelper::GetControlHwnd(element.get()));
-    EXPECT_TRUE(UiaHelper::IsControlOffscreen(element.get()));
-    EXPECT_TRUE(UiaHelper::HasControlFocus(element.get()));
-    EXPECT_FALSE(UiaHelper::IsControlEnabled(element.get()));
-    EXPECT_EQ(L"Drag to choose", UiaHelper::GetControlHelpText(element.get()));
-    EXPECT_EQ(spec.providerDescription, UiaHelper::GetControlProviderDescription(element.get()));
-    EXPECT_EQ(OrientationType_Vertical, UiaHelper::GetControlOrientation(element.get()));
-}
-
-TEST_F(Surface, GettersOfAPlainElement) {
-    ElementRef element(elementOf(node(UIA_ButtonControlTypeId)));
-    EXPECT_EQ(nullptr, UiaHelper::GetControlHwnd(element.get()));
-    EXPECT_FALSE(UiaHelper::IsControlOffscreen(element.get()));
-    EXPECT_FALSE(UiaHelper::HasControlFocus(element.get()));
-    EXPECT_TRUE(UiaHelper::IsControlEnabled(element.get()));
-    EXPECT_EQ(L"", UiaHelper::GetControlHelpText(element.get()));
-    EXPECT_EQ(L"", UiaHelper::GetControlProviderDescription(element.get()));
-    EXPECT_EQ(OrientationType_None, UiaHelper::GetControlOrientation(element.get()));
-}
-
-TEST_F(Surface, LevelIsTheIntegerOfThePropertyRead) {
-    fakeuia::Node& item = node(UIA_TreeItemControlTypeId);
-    item.update([](fakeuia::NodeSpec& spec) { spec.level = 3; });
-    ElementRef element(elementOf(item));
-    EXPECT_EQ(3, UiaHelper::GetControlLevel(element.get()));
-    EXPECT_TRUE(platform->unmodeledPropertyReads().empty());
-}
-
-TEST_F(Surface, FailedReadsGiveTheDefaults) {
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_SliderControlTypeId;
-    spec.nativeWindowHandle = fakeuia::hwnd(0x4242);
-    spec.isOffscreen = true;
-    spec.hasKeyboardFocus = true;
-    spec.isEnabled = false;
-    spec.helpText = L"help";
-    spec.providerDescription = L"provider";
-    spec.orientation = OrientationType_Horizontal;
-    fakeuia::Node& n = node(spec);
+TEST_F(Surface, GettersReadFreshlyAndGiveDefaultsOnFailure) {
+    auto full = [](fakeuia::NodeSpec& spec) {
+        spec.nativeWindowHandle = fakeuia::hwnd(0x4242);
+        spec.isOffscreen = true;
+        spec.hasKeyboardFocus = true;
+        spec.isEnabled = false;
+        spec.helpText = L"Drag to choose";
+        spec.providerDescription = L"[pid:4711,providerId:0x0 Main:Nested [pid:4711] (unmanaged:uiautomationcore.dll)]";
+        spec.orientation = OrientationType_Vertical;
+        spec.level = 3;
+    };
+    const std::wstring defaults =
+        L"hwnd=0 offscreen=0 focus=0 enabled=1 help= provider= orientation=-1 level=-1 type=";
+    fakeuia::Node& read = node(UIA_SliderControlTypeId, full);
+    fakeuia::Node& plain = node(UIA_ButtonControlTypeId);
+    fakeuia::Node& failing = node(UIA_SliderControlTypeId, full);
     for (const char* method : {"get_CurrentNativeWindowHandle", "get_CurrentIsOffscreen", "get_CurrentHasKeyboardFocus",
                                "get_CurrentIsEnabled", "get_CurrentHelpText", "get_CurrentOrientation",
-                               "GetCurrentPropertyValue"}) {
-        n.fail(method, E_FAIL);
+                               "GetCurrentPropertyValue", "get_CurrentControlType"}) {
+        failing.fail(method, E_FAIL);
     }
-    ElementRef element(elementOf(n));
-    EXPECT_EQ(nullptr, UiaHelper::GetControlHwnd(element.get()));
-    EXPECT_FALSE(UiaHelper::IsControlOffscreen(element.get()));
-    EXPECT_FALSE(UiaHelper::HasControlFocus(element.get()));
-    EXPECT_TRUE(UiaHelper::IsControlEnabled(element.get()));
-    EXPECT_EQ(L"", UiaHelper::GetControlHelpText(element.get()));
-    EXPECT_EQ(L"", UiaHelper::GetControlProviderDescription(element.get()));
-    EXPECT_EQ(-1, UiaHelper::GetControlOrientation(element.get()));
-    EXPECT_EQ(-1, UiaHelper::GetControlLevel(element.get()));
-}
+    fakeuia::Node& gone = node(UIA_SliderControlTypeId, full);
+    fakeuia::Node& nullHelp = node(UIA_ButtonControlTypeId, [](fakeuia::NodeSpec& s) { s.helpText = L"not seen"; });
+    nullHelp.nullString("get_CurrentHelpText");
+    ElementRef goneElement(elementOf(gone));
+    gone.remove();
+    struct Row {
+        const char* name;
+        IUIAutomationElement* element;
+        std::wstring expected;
+    };
+    ElementRef r(elementOf(read)), p(elementOf(plain)), f(elementOf(failing)), n(elementOf(nullHelp));
+    const Row rows[] = {
+        {"every property set", r.get(),
+         L"hwnd=16962 offscreen=1 focus=1 enabled=0 help=Drag to choose provider=" +
+             std::wstring(L"[pid:4711,providerId:0x0 Main:Nested [pid:4711] (unmanaged:uiautomationcore.dll)]") +
+             L" orientation=2 level=3 type=50015"},
+        {"a plain element", p.get(),
+         L"hwnd=0 offscreen=0 focus=0 enabled=1 help= provider= orientation=0 level=0 type=50000"},
+        {"failed reads", f.get(), defaults + L"0"},
+        {"a gone element", goneElement.get(), defaults + L"0"},
+        {"a null element", nullptr, defaults + L"0"},
+        {"a null help text", n.get(),
+         L"hwnd=0 offscreen=0 focus=0 enabled=1 help= provider= orientation=0 level=0 type=50000"},
+    };
+    for (const Row& row : rows) EXPECT_EQ(row.expected, getters(row.element)) << row.name;
+    EXPECT_TRUE(platform->unmodeledPropertyReads().empty());
 
-TEST_F(Surface, GoneElementGivesTheDefaults) {
-    fakeuia::NodeSpec spec;
-    spec.isEnabled = false;
-    spec.isOffscreen = true;
-    spec.helpText = L"help";
-    fakeuia::Node& n = node(spec);
-    ElementRef element(elementOf(n));
-    n.remove();
-    EXPECT_TRUE(UiaHelper::IsControlEnabled(element.get()));
-    EXPECT_FALSE(UiaHelper::IsControlOffscreen(element.get()));
-    EXPECT_EQ(L"", UiaHelper::GetControlHelpText(element.get()));
-    EXPECT_EQ(-1, UiaHelper::GetControlOrientation(element.get()));
-    EXPECT_EQ(-1, UiaHelper::GetControlLevel(element.get()));
-    EXPECT_EQ(0, UiaHelper::GetControlTypeId(element.get()));
-}
-
-TEST_F(Surface, NullHelpTextIsEmpty) {
-    fakeuia::NodeSpec spec;
-    spec.helpText = L"not seen";
-    fakeuia::Node& n = node(spec);
-    n.nullString("get_CurrentHelpText");
-    ElementRef element(elementOf(n));
-    EXPECT_EQ(L"", UiaHelper::GetControlHelpText(element.get()));
-}
-
-TEST_F(Surface, EveryReadIsFresh) {
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_ButtonControlTypeId;
-    spec.helpText = L"before";
-    fakeuia::Node& n = node(spec);
-    ElementRef element(elementOf(n));
-    EXPECT_EQ(L"before", UiaHelper::GetControlHelpText(element.get()));
-    EXPECT_EQ(L"Button", typeOf(element.get()));
-    n.update([](fakeuia::NodeSpec& s) {
+    read.update([](fakeuia::NodeSpec& s) {
         s.helpText = L"after";
         s.controlType = UIA_EditControlTypeId;
-        s.isEnabled = false;
+        s.isEnabled = true;
     });
-    EXPECT_EQ(L"after", UiaHelper::GetControlHelpText(element.get()));
-    EXPECT_EQ(L"Edit", typeOf(element.get()));
-    EXPECT_FALSE(UiaHelper::IsControlEnabled(element.get()));
+    EXPECT_EQ(L"after", UiaHelper::GetControlHelpText(r.get())) << "every read is fresh";
+    EXPECT_EQ(L"Edit", typeOf(r.get()));
+    EXPECT_TRUE(UiaHelper::IsControlEnabled(r.get()));
 }
 
-// --- Patterns --------------------------------------------------------------------------
-
-TEST_F(Surface, PatternNamesLoseTheWordPattern) {
+TEST_F(Surface, PatternNamesAndTheListOfAnElementsPatterns) {
     EXPECT_EQ(L"Invoke", UiaHelper::GetPatternName(UIA_InvokePatternId));
     EXPECT_EQ(L"RangeValue", UiaHelper::GetPatternName(UIA_RangeValuePatternId));
     EXPECT_EQ(L"LegacyIAccessible", UiaHelper::GetPatternName(UIA_LegacyIAccessiblePatternId));
     EXPECT_EQ(L"SynchronizedInput", UiaHelper::GetPatternName(UIA_SynchronizedInputPatternId));
-}
+    EXPECT_EQ(L"NN", UiaHelper::GetPatternName(9999)) << "an unknown id";
 
-TEST_F(Surface, PatternNameOfAnUnknownIdIsNN) {
-    EXPECT_EQ(L"NN", UiaHelper::GetPatternName(9999));
-}
+    fakeuia::Node& none = node(UIA_ButtonControlTypeId);
+    fakeuia::Node& two = node(UIA_EditControlTypeId);
+    fakeuia::attach<fakeuia::ValueSource>(two, L"text");
+    fakeuia::attach<fakeuia::InvokeSource>(two);
+    fakeuia::Node& all = node(UIA_CustomControlTypeId);
+    fakeuia::attach<fakeuia::SynchronizedInputSource>(all);
+    fakeuia::attach<fakeuia::VirtualizedItemSource>(all);
+    fakeuia::attach<fakeuia::ItemContainerSource>(all);
+    fakeuia::attach<fakeuia::LegacyIAccessibleSource>(all);
+    fakeuia::attach<fakeuia::ScrollItemSource>(all);
+    fakeuia::attach<fakeuia::TransformSource>(all);
+    fakeuia::attach<fakeuia::ToggleSource>(all);
+    fakeuia::attach<fakeuia::TextSource>(all);
+    fakeuia::attach<fakeuia::TableItemSource>(all);
+    fakeuia::attach<fakeuia::TableSource>(all);
+    fakeuia::attach<fakeuia::DockSource>(all);
+    fakeuia::attach<fakeuia::SelectionItemSource>(all);
+    fakeuia::attach<fakeuia::WindowSource>(all);
+    fakeuia::attach<fakeuia::MultipleViewSource>(all);
+    fakeuia::attach<fakeuia::GridItemSource>(all);
+    fakeuia::attach<fakeuia::GridSource>(all);
+    fakeuia::attach<fakeuia::ExpandCollapseSource>(all);
+    fakeuia::attach<fakeuia::ScrollSource>(all);
+    fakeuia::attach<fakeuia::RangeValueSource>(all);
+    fakeuia::attach<fakeuia::ValueSource>(all);
+    fakeuia::attach<fakeuia::SelectionSource>(all);
+    fakeuia::attach<fakeuia::InvokeSource>(all);
+    fakeuia::Node& notNow = node(UIA_ButtonControlTypeId);
+    fakeuia::attach<fakeuia::InvokeSource>(notNow)->available = false;
+    fakeuia::attach<fakeuia::ToggleSource>(notNow);
+    fakeuia::Node& failing = node(UIA_ButtonControlTypeId);
+    fakeuia::attach<fakeuia::InvokeSource>(failing);
+    failing.fail("GetCurrentPatternAs", E_FAIL);
+    EXPECT_EQ(L" ", patternsOf(none)) << "none: one blank";
+    EXPECT_EQ(L" Invoke Value ", patternsOf(two)) << "in the order of probing";
+    EXPECT_EQ(L" Invoke Selection Value RangeValue Scroll ExpandCollapse Grid GridItem MultipleView Window"
+              L" SelectionItem Dock Table TableItem Text Toggle Transform ScrollItem LegacyIAccessible"
+              L" ItemContainer VirtualizedItem SynchronizedInput ",
+              patternsOf(all));
+    EXPECT_EQ(L" Toggle ", patternsOf(notNow)) << "a pattern not supported now is left out";
+    EXPECT_EQ(L" ", patternsOf(failing)) << "failed requests";
 
-TEST_F(Surface, PatternNameOfAFailedCallIsNN) {
     platform->fail("GetPatternProgrammaticName", E_FAIL);
     EXPECT_EQ(L"NN", UiaHelper::GetPatternName(UIA_InvokePatternId));
+    EXPECT_EQ(L" NN ", patternsOf(notNow)) << "an unnamed pattern";
 }
 
-TEST_F(Surface, ElementWithoutPatternsGivesOneBlank) {
-    ElementRef element(elementOf(node(UIA_ButtonControlTypeId)));
-    EXPECT_EQ(L" ", UiaHelper::GetControlPatterns(element.get()));
+TEST_F(Surface, RangeValuesAreReadAndSetWithTheCodesOfThePlatform) {
+    struct Row {
+        const char* name;
+        std::function<void(fakeuia::RangeValueSource&, fakeuia::Node&)> setup;  // null: no pattern
+        HRESULT readCode;  // of GetRangeValue; S_FALSE: any success
+        const wchar_t* read;  // value,minimum,maximum after the read from -1,-1,-1 (a failed call gives 0)
+        double write;
+        HRESULT writeCode;  // of SetRangeValue; S_FALSE: any success
+        double after;       // the source's value after the write
+    };
+    auto none = [](fakeuia::RangeValueSource&, fakeuia::Node&) {};
+    const Row rows[] = {
+        {"within the range", none, S_OK, L"5,0,100", 42.25, S_OK, 42.25},
+        {"a clamping slider fails although SetValue succeeded",
+         [](fakeuia::RangeValueSource& r, fakeuia::Node&) { r.clamps = true; }, S_OK, L"5,0,100", 150, E_FAIL, 100},
+        {"a refusal", [](fakeuia::RangeValueSource& r, fakeuia::Node&) { r.clamps = false; }, S_OK, L"5,0,100", 150,
+         E_INVALIDARG, 5},
+        {"read-only", [](fakeuia::RangeValueSource& r, fakeuia::Node&) { r.readOnly = true; }, S_OK, L"5,0,100", 50,
+         fakeuia::kElementNotEnabled, 5},
+        {"the read stops at the first failure",
+         [](fakeuia::RangeValueSource& r, fakeuia::Node&) {
+             r.fail("get_CurrentMinimum", E_ACCESSDENIED);
+             r.fail("get_CurrentMaximum", E_FAIL);
+         },
+         E_ACCESSDENIED, L"5,0,-1", 50, S_OK, 50},
+        {"the code of the last call", [](fakeuia::RangeValueSource& r,
+                                          fakeuia::Node&) { r.fail("get_CurrentMaximum", E_UNEXPECTED); },
+         E_UNEXPECTED, L"5,0,0", 50, S_OK, 50},
+        {"a failed read-back", [](fakeuia::RangeValueSource& r,
+                                  fakeuia::Node&) { r.fail("get_CurrentValue", E_UNEXPECTED); },
+         E_UNEXPECTED, L"0,-1,-1", 50, E_UNEXPECTED, 50},
+        {"a failed pattern request",
+         [](fakeuia::RangeValueSource&, fakeuia::Node& n) { n.fail("GetCurrentPatternAs", E_ACCESSDENIED); },
+         E_ACCESSDENIED, L"-1,-1,-1", 50, E_ACCESSDENIED, 5},
+        {"no pattern: the outputs stay", nullptr, S_FALSE, L"-1,-1,-1", 50, S_FALSE, 0},
+    };
+    for (const Row& row : rows) {
+        fakeuia::Node& n = node(UIA_SliderControlTypeId);
+        std::shared_ptr<fakeuia::RangeValueSource> range;
+        if (row.setup) {
+            range = fakeuia::attach<fakeuia::RangeValueSource>(n, 5.0, 0.0, 100.0);
+            row.setup(*range, n);
+        }
+        ElementRef element(elementOf(n));
+        double value = -1, minimum = -1, maximum = -1;
+        const HRESULT read = UiaHelper::GetRangeValue(element.get(), value, minimum, maximum);
+        EXPECT_TRUE(row.readCode == S_FALSE ? SUCCEEDED(read) : read == row.readCode) << row.name << std::hex << read;
+        auto number = [](double v) { return std::to_wstring(static_cast<int>(v)); };
+        EXPECT_EQ(row.read, number(value) + L"," + number(minimum) + L"," + number(maximum)) << row.name;
+        const HRESULT write = UiaHelper::SetRangeValue(element.get(), row.write);
+        EXPECT_TRUE(row.writeCode == S_FALSE ? SUCCEEDED(write) : write == row.writeCode) << row.name << std::hex << write;
+        if (range) {
+            EXPECT_EQ(row.after, range->value) << row.name;
+            EXPECT_EQ(row.writeCode == E_ACCESSDENIED ? 0 : 1, range->setValueCalls) << row.name;
+        }
+    }
 }
 
 // An element that Java or the platform couldn't give (no element at a point,
 // a parent that went away) is answered as an element without the pattern.
 TEST_F(Surface, ANullElementIsAnsweredNotCalledThrough) {
-    using UiaHelper::ElementList;
     auto flag = [](bool value) { return std::wstring(value ? L"true" : L"false"); };
-    auto number = [](int value) { return std::to_wstring(value); };
+    auto number = [](long value) { return std::to_wstring(value); };
     auto pair = [](const UiaHelper::GridPair& value) {
         return value.size() == 2 ? std::to_wstring(value[0]) + L"," + std::to_wstring(value[1]) : L"<size>";
     };
-    double horizontal = 0;
-    double vertical = 0;
+    double a = 7, b = 8, c = 9;
+    int pid = 5;
+    std::wstring text = L"old";
     struct Row {
         const char* helper;
         std::function<std::wstring()> answer;
         const wchar_t* expected;
     };
     const std::vector<Row> rows = {
+        {"GetControlType", [&] {
+             const long code = UiaHelper::GetControlType(nullptr, text);
+             return number(code) + L" '" + text + L"'";
+         },
+         L"-2147024809 ''"},
+        {"GetControlTypeId", [&] { return number(UiaHelper::GetControlTypeId(nullptr)); }, L"0"},
+        {"GetControlPatterns", [&] { return UiaHelper::GetControlPatterns(nullptr); }, L" "},
+        {"GetAccRoleName", [&] { return UiaHelper::GetAccRoleName(nullptr); }, L"NN"},
+        {"GetControlClassName", [&] { return UiaHelper::GetControlClassName(nullptr); }, L""},
+        {"GetControlProcessId", [&] {
+             const long code = UiaHelper::GetControlProcessId(nullptr, &pid);
+             return number(code) + L" " + number(pid);
+         },
+         L"-2147024809 0"},
+        {"GetRangeValue",
+         [&] {
+             const long code = UiaHelper::GetRangeValue(nullptr, a, b, c);
+             return number(code) + L" " + number(static_cast<long>(a + b + c));
+         },
+         L"-2147024809 24"},
+        {"SetRangeValue", [&] { return number(UiaHelper::SetRangeValue(nullptr, 1.0)); }, L"-2147024809"},
         {"HasAncestorWithPid", [&] { return flag(UiaHelper::HasAncestorWithPid(nullptr, 1)); }, L"false"},
         {"MoveControl", [&] { return flag(UiaHelper::MoveControl(nullptr, 1, 1)); }, L"false"},
         {"ResizeControl", [&] { return flag(UiaHelper::ResizeControl(nullptr, 1, 1)); }, L"false"},
@@ -441,13 +477,13 @@ TEST_F(Surface, ANullElementIsAnsweredNotCalledThrough) {
         {"GetExpandState", [&] { return number(UiaHelper::GetExpandState(nullptr)); }, L"-1"},
         {"GetToggleState", [&] { return number(UiaHelper::GetToggleState(nullptr)); }, L"-1"},
         {"SetToggleState", [&] { return flag(UiaHelper::SetToggleState(nullptr, 1)); }, L"false"},
-        {"GetScrollPercent", [&] { return flag(UiaHelper::GetScrollPercent(nullptr, horizontal, vertical)); }, L"false"},
-        {"GetViewSize", [&] { return flag(UiaHelper::GetViewSize(nullptr, horizontal, vertical)); }, L"false"},
+        {"GetScrollPercent", [&] { return flag(UiaHelper::GetScrollPercent(nullptr, a, b)); }, L"false"},
+        {"GetViewSize", [&] { return flag(UiaHelper::GetViewSize(nullptr, a, b)); }, L"false"},
         {"DoScroll", [&] { return flag(UiaHelper::DoScroll(nullptr, 10, 10)); }, L"false"},
         {"GetGridColumnAndRowCount", [&] { return pair(UiaHelper::GetGridColumnAndRowCount(nullptr)); }, L"-1,-1"},
         {"GetGridItem", [&] { return flag(UiaHelper::GetGridItem(nullptr, 0, 0) != nullptr); }, L"false"},
         {"GetGridItemColumnAndRow", [&] { return pair(UiaHelper::GetGridItemColumnAndRow(nullptr)); }, L"-1,-1"},
-        {"GetColumnHeaders", [&] { return number(static_cast<int>(UiaHelper::GetColumnHeaders(nullptr).size())); }, L"0"},
+        {"GetColumnHeaders", [&] { return number(static_cast<long>(UiaHelper::GetColumnHeaders(nullptr).size())); }, L"0"},
         {"IsSelected", [&] { return flag(UiaHelper::IsSelected(nullptr)); }, L"false"},
         {"GetControlInteractionState", [&] { return number(UiaHelper::GetControlInteractionState(nullptr)); }, L"-1"},
         {"IsControlModal", [&] { return flag(UiaHelper::IsControlModal(nullptr)); }, L"false"},
