@@ -19,6 +19,7 @@
 #include <random>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 using dwtest::DriverTest;
 
@@ -325,6 +326,20 @@ protected:
         std::function<void(Fuzz&)> call;
     };
     static const std::vector<Native>& natives();
+    // A native called with arguments drawn by their types, in their order.
+    jlong draw(jlong*) { return handle(); }
+    jint draw(jint*) { return integer(); }
+    jstring draw(jstring*) { return string(); }
+    jboolean draw(jboolean*) { return flag(); }
+    jdouble draw(jdouble*) { return real(); }
+    jchar draw(jchar*) { return character(); }
+    template <class R, class... A>
+    static Native call(const char* name, Check check) {
+        return {name, check, [name](Fuzz& t) {
+                    std::tuple<A...> args{t.draw(static_cast<A*>(nullptr))...};
+                    std::apply([&](A... values) { t.native<R>(name, values...); }, args);
+                }};
+    }
 
     // Runs one call in a native frame of its own; false (and a failure that
     // names the call) if anything went wrong.
@@ -378,19 +393,29 @@ const std::vector<Fuzz::Native>& Fuzz::natives() {
     using T = Fuzz;
     const Check H = Check::Handle;
     const Check N = Check::None;
-    // Arguments are drawn into locals first, so that the description lists
-    // them in their order.
+    using J = jlong;
+    using I = jint;
+    using S = jstring;
+    using Z = jboolean;
     static const std::vector<Native> table = {
+        // Natives whose result tells nothing more: arguments by their type.
+        call<jint, S>("StartClient", N), call<jint, I>("AttachClient__I", N),
+        call<jint, S>("AttachClient__Ljava_lang_String_2", N), call<void>("CacheExistingWindowHandles", N),
+        call<jint>("GetThreadId", N), call<void>("TriggerThread", N), call<void>("Terminate", N),
+        call<J, J>("GetNativeHandle", H), call<S, J, S>("GetAttribute", H), call<Z, J, S, S>("SetAttribute", H),
+        call<S, J, S>("EvalJS", N), call<Z>("IsUia8", N), call<Z, I, I>("SetTimeouts", N),
+        call<jdouble>("GetScreenScaleFactor", N), call<void, I>("EnableEventListeners", N),
+        call<void, Z, I>("EnableCheckMode", N), call<void, Z, I>("EnableRecordingMode", N),
+        call<void, J, I, I>("Highlight", H), call<void, J, I, I, I, I, I, I>("SimulateMouseEvent", H),
+        call<void, J, jchar, I, I>("SimulateKeyStroke", H), call<void, J>("SetFocus", H),
+        call<Z, J, I, I>("Move", H), call<Z, J, I, I>("Resize", H), call<Z, J>("Close", H),
+        call<Z, J>("BringToFront", H), call<void, J>("DoDefaultAction", H), call<void, J>("Invoke", H),
+        call<void, J, I>("Select", H), call<Z, J, I>("Toggle", H), call<Z, J, Z>("Expand", H),
+        call<void, J, jdouble, jdouble>("Scroll", H), call<Z, J>("ScrollIntoView", H),
+        // Natives whose result is checked or read for handles.
         {"SetupNativeLogging", N, [](T& t) { EXPECT_EQ(0, t.native<jint>("SetupNativeLogging")); }},
-        {"StartClient", N, [](T& t) { t.native<jint>("StartClient", t.string()); }},
-        {"AttachClient(int)", N, [](T& t) { t.native<jint>("AttachClient__I", t.integer()); }},
-        {"AttachClient(String)", N, [](T& t) { t.native<jint>("AttachClient__Ljava_lang_String_2", t.string()); }},
-        {"CacheExistingWindowHandles", N, [](T& t) { t.native<void>("CacheExistingWindowHandles"); }},
-        {"GetThreadId", N, [](T& t) { t.native<jint>("GetThreadId"); }},
         {"IsConnected", N,
          [](T& t) { t.expect(t.native<jboolean>("IsConnected") == JNI_TRUE, "no longer connected"); }},
-        {"TriggerThread", N, [](T& t) { t.native<void>("TriggerThread"); }},
-        {"Terminate", N, [](T& t) { t.native<void>("Terminate"); }},
         {"SetPreference", N,
          [](T& t) {
              jstring key = t.string();
@@ -419,7 +444,6 @@ const std::vector<Fuzz::Native>& Fuzz::natives() {
              t.expectStride(t.native<jobjectArray>("GetHierarchyWithAttributes", h, names, t.handles()), 2);
          }},
         {"GetParent", H, [](T& t) { t.harvest({t.native<jlong>("GetParent", t.handle())}); }},
-        {"GetNativeHandle", H, [](T& t) { t.native<jlong>("GetNativeHandle", t.handle()); }},
         {"GetClassName", H,
          [](T& t) { t.expect(!t.host->isNull(t.native<jstring>("GetClassName", t.handle())), "null class name"); }},
         {"GetClassNames", H,
@@ -431,20 +455,12 @@ const std::vector<Fuzz::Native>& Fuzz::natives() {
              jintArray result = t.native<jintArray>("GetBounds", t.handle());
              t.expect(!t.host->isNull(result) && t.host->ints(result).size() == 4, "bounds not four numbers");
          }},
-        {"GetAttribute", H, [](T& t) { jlong h = t.handle(); t.native<jstring>("GetAttribute", h, t.string()); }},
         {"GetAttributes", H,
          [](T& t) {
              jlong h = t.handle();
              jobjectArray result = t.native<jobjectArray>("GetAttributes", h, t.names());
              t.expect(t.host->isNull(result) || t.host->strings(result).size() == t.namesCount, "not one per name");
          }},
-        {"SetAttribute", H,
-         [](T& t) {
-             jlong h = t.handle();
-             jstring name = t.string();
-             t.native<jboolean>("SetAttribute", h, name, t.string());
-         }},
-        {"EvalJS", N, [](T& t) { jlong h = t.handle(); t.native<jstring>("EvalJS", h, t.string()); }},
         {"GetToplevels", N,
          [](T& t) {
              jlongArray result = t.native<jlongArray>("GetToplevels");
@@ -460,8 +476,6 @@ const std::vector<Fuzz::Native>& Fuzz::natives() {
         {"FindAllWindows", H, [](T& t) { t.harvestLongs(t.native<jlongArray>("FindAllWindows", t.handle())); }},
         {"GetElementFromPoint", N,
          [](T& t) { jint x = t.integer(); t.harvest({t.native<jlong>("GetElementFromPoint", x, t.integer())}); }},
-        {"IsUia8", N, [](T& t) { t.native<jboolean>("IsUia8"); }},
-        {"SetTimeouts", N, [](T& t) { jint c = t.integer(); t.native<jboolean>("SetTimeouts", c, t.integer()); }},
         {"ReleaseControls", N,
          [](T& t) {
              // Now and then: every handle is invalid afterwards, until read again.
@@ -470,46 +484,7 @@ const std::vector<Fuzz::Native>& Fuzz::natives() {
                  t.native<void>("ReleaseControls");
              }
          }},
-        {"GetScreenScaleFactor", N, [](T& t) { t.native<jdouble>("GetScreenScaleFactor"); }},
-        {"EnableEventListeners", N, [](T& t) { t.native<void>("EnableEventListeners", t.integer()); }},
-        {"EnableCheckMode", N,
-         [](T& t) { jboolean on = t.flag(); t.native<void>("EnableCheckMode", on, t.integer()); }},
-        {"EnableRecordingMode", N,
-         [](T& t) { jboolean on = t.flag(); t.native<void>("EnableRecordingMode", on, t.integer()); }},
-        {"Highlight", H,
-         [](T& t) {
-             jlong h = t.handle();
-             jint duration = t.integer();
-             t.native<void>("Highlight", h, duration, t.integer());
-         }},
-        {"SimulateMouseEvent", H,
-         [](T& t) {
-             jlong h = t.handle();
-             jint id = t.integer(), button = t.integer(), x = t.integer(), y = t.integer(), mod = t.integer();
-             t.native<void>("SimulateMouseEvent", h, id, button, x, y, mod, t.integer());
-         }},
-        {"SimulateKeyStroke", H,
-         [](T& t) {
-             jlong h = t.handle();
-             jchar c = t.character();
-             jint keyCode = t.integer();
-             t.native<void>("SimulateKeyStroke", h, c, keyCode, t.integer());
-         }},
-        {"SetFocus", H, [](T& t) { t.native<void>("SetFocus", t.handle()); }},
-        {"Move", H,
-         [](T& t) { jlong h = t.handle(); jint x = t.integer(); t.native<jboolean>("Move", h, x, t.integer()); }},
-        {"Resize", H,
-         [](T& t) { jlong h = t.handle(); jint w = t.integer(); t.native<jboolean>("Resize", h, w, t.integer()); }},
-        {"Close", H, [](T& t) { t.native<jboolean>("Close", t.handle()); }},
-        {"BringToFront", H, [](T& t) { t.native<jboolean>("BringToFront", t.handle()); }},
-        {"DoDefaultAction", H, [](T& t) { t.native<void>("DoDefaultAction", t.handle()); }},
-        {"Invoke", H, [](T& t) { t.native<void>("Invoke", t.handle()); }},
-        {"Select", H, [](T& t) { jlong h = t.handle(); t.native<void>("Select", h, t.integer()); }},
-        {"Toggle", H, [](T& t) { jlong h = t.handle(); t.native<jboolean>("Toggle", h, t.integer()); }},
-        {"Expand", H, [](T& t) { jlong h = t.handle(); t.native<jboolean>("Expand", h, t.flag()); }},
-        {"Scroll", H,
-         [](T& t) { jlong h = t.handle(); jdouble x = t.real(); t.native<void>("Scroll", h, x, t.real()); }},
-        {"ScrollIntoView", H, [](T& t) { t.native<jboolean>("ScrollIntoView", t.handle()); }},
+        // The window natives: this test's own window, or none.
         {"GetWindowClassName", N,
          [](T& t) {
              t.expect(!t.host->isNull(t.native<jstring>("GetWindowClassName", t.window(false))), "null class name");

@@ -3,6 +3,7 @@
 #include "DriverTest.h"
 
 #include <functional>
+#include <type_traits>
 
 using dwtest::DriverTest;
 using dwtest::LogFile;
@@ -20,75 +21,70 @@ protected:
         const char* afterFailedCheck;  // the default that comes back with the exception
     };
     static const std::vector<Row>& handleNatives();
+
+    // Arguments after the handle: Java objects are made at the call.
+    using Names = std::vector<std::wstring>;
+    using Longs = std::vector<jlong>;
+    template <class V>
+    V arg(V value) {
+        return value;
+    }
+    jstring arg(const wchar_t* text) { return host->str(text); }
+    jobjectArray arg(const Names& names) { return host->stringArray(names); }
+    jlongArray arg(const Longs& values) { return host->longArray(values); }
+    template <class R>
+    std::string text(R result) {
+        if constexpr (std::is_same_v<R, jboolean> || std::is_same_v<R, jlong>) {
+            return std::to_string(result);
+        } else {
+            return show(result);
+        }
+    }
+    template <class R, class... A>
+    static Row row(const char* name, const char* afterFailedCheck, A... args) {
+        return {name,
+                [=](Natives& t, jlong handle) -> std::string {
+                    if constexpr (std::is_void_v<R>) {
+                        t.native<void>(name, handle, t.arg(args)...);
+                        return "-";
+                    } else {
+                        return t.text(t.native<R>(name, handle, t.arg(args)...));
+                    }
+                },
+                afterFailedCheck};
+    }
 };
 
 const std::vector<Natives::Row>& Natives::handleNatives() {
-    using T = Natives;
     static const std::vector<Row> rows = {
-        {"GetChildren", [](T& t, jlong h) { return t.show(t.native<jlongArray>("GetChildren", h)); }, "[]"},
-        {"GetBounds", [](T& t, jlong h) { return t.show(t.native<jintArray>("GetBounds", h)); }, "[0,0,0,0]"},
-        {"GetClassName", [](T& t, jlong h) { return t.show(t.native<jstring>("GetClassName", h)); }, "''"},
-        {"GetClassNames", [](T& t, jlong h) { return t.show(t.native<jobjectArray>("GetClassNames", h)); },
-         "[]"},
-        {"GetAttributes",
-         [](T& t, jlong h) {
-             return t.show(t.native<jobjectArray>("GetAttributes", h, t.host->stringArray({L"name", L"rid"})));
-         },
-         "null"},
-        {"GetChildrenWithAttributes",
-         [](T& t, jlong h) {
-             return t.show(t.native<jobjectArray>("GetChildrenWithAttributes", h, t.host->stringArray({L"name"})));
-         },
-         "null"},
-        {"GetHierarchyWithAttributes",
-         [](T& t, jlong h) {
-             return t.show(t.native<jobjectArray>("GetHierarchyWithAttributes", h, t.host->stringArray({L"name"}),
-                                                  t.host->longArray({1, 2})));
-         },
-         "null"},
-        {"GetAttribute",
-         [](T& t, jlong h) { return t.show(t.native<jstring>("GetAttribute", h, t.host->str(L"name"))); }, "null"},
-        {"SetAttribute",
-         [](T& t, jlong h) {
-             return std::to_string(t.native<jboolean>("SetAttribute", h, t.host->str(L"value"), t.host->str(L"x")));
-         },
-         "0"},
-        {"GetElementsByProperty",
-         [](T& t, jlong h) {
-             return t.show(t.native<jlongArray>("GetElementsByProperty", h, t.host->str(L"name"), t.host->str(L"x")));
-         },
-         "null"},
-        {"GetParent", [](T& t, jlong h) { return std::to_string(t.native<jlong>("GetParent", h)); }, "0"},
-        {"GetNativeHandle", [](T& t, jlong h) { return std::to_string(t.native<jlong>("GetNativeHandle", h)); }, "0"},
-        {"FindAllWindows", [](T& t, jlong h) { return t.show(t.native<jlongArray>("FindAllWindows", h)); }, "null"},
-        {"ScrollIntoView", [](T& t, jlong h) { return std::to_string(t.native<jboolean>("ScrollIntoView", h)); }, "0"},
-        {"Move", [](T& t, jlong h) { return std::to_string(t.native<jboolean>("Move", h, jint{1}, jint{2})); }, "0"},
-        {"Resize", [](T& t, jlong h) { return std::to_string(t.native<jboolean>("Resize", h, jint{1}, jint{2})); },
-         "0"},
-        {"Close", [](T& t, jlong h) { return std::to_string(t.native<jboolean>("Close", h)); }, "0"},
-        {"BringToFront", [](T& t, jlong h) { return std::to_string(t.native<jboolean>("BringToFront", h)); }, "0"},
-        {"Toggle", [](T& t, jlong h) { return std::to_string(t.native<jboolean>("Toggle", h, jint{-1})); }, "0"},
-        {"Expand", [](T& t, jlong h) { return std::to_string(t.native<jboolean>("Expand", h, jboolean{1})); }, "0"},
-        {"Invoke", [](T& t, jlong h) { return t.native<void>("Invoke", h), std::string("-"); }, "-"},
-        {"DoDefaultAction", [](T& t, jlong h) { return t.native<void>("DoDefaultAction", h), std::string("-"); },
-         "-"},
-        {"Select", [](T& t, jlong h) { return t.native<void>("Select", h, jint{0}), std::string("-"); }, "-"},
-        {"SetFocus", [](T& t, jlong h) { return t.native<void>("SetFocus", h), std::string("-"); }, "-"},
-        {"Scroll", [](T& t, jlong h) { return t.native<void>("Scroll", h, jdouble{1}, jdouble{1}), std::string("-"); },
-         "-"},
-        {"Highlight",
-         [](T& t, jlong h) { return t.native<void>("Highlight", h, jint{100}, jint{-1}), std::string("-"); }, "-"},
-        {"SimulateMouseEvent",
-         [](T& t, jlong h) {
-             t.native<void>("SimulateMouseEvent", h, jint{500}, jint{0}, jint{1}, jint{1}, jint{0}, jint{1});
-             return std::string("-");
-         },
-         "-"},
-        {"SimulateKeyStroke",
-         [](T& t, jlong h) {
-             return t.native<void>("SimulateKeyStroke", h, jchar{'a'}, jint{0x41}, jint{0}), std::string("-");
-         },
-         "-"},
+        row<jlongArray>("GetChildren", "[]"),
+        row<jintArray>("GetBounds", "[0,0,0,0]"),
+        row<jstring>("GetClassName", "''"),
+        row<jobjectArray>("GetClassNames", "[]"),
+        row<jobjectArray>("GetAttributes", "null", Names{L"name", L"rid"}),
+        row<jobjectArray>("GetChildrenWithAttributes", "null", Names{L"name"}),
+        row<jobjectArray>("GetHierarchyWithAttributes", "null", Names{L"name"}, Longs{1, 2}),
+        row<jstring>("GetAttribute", "null", L"name"),
+        row<jboolean>("SetAttribute", "0", L"value", L"x"),
+        row<jlongArray>("GetElementsByProperty", "null", L"name", L"x"),
+        row<jlong>("GetParent", "0"),
+        row<jlong>("GetNativeHandle", "0"),
+        row<jlongArray>("FindAllWindows", "null"),
+        row<jboolean>("ScrollIntoView", "0"),
+        row<jboolean>("Move", "0", jint{1}, jint{2}),
+        row<jboolean>("Resize", "0", jint{1}, jint{2}),
+        row<jboolean>("Close", "0"),
+        row<jboolean>("BringToFront", "0"),
+        row<jboolean>("Toggle", "0", jint{-1}),
+        row<jboolean>("Expand", "0", jboolean{1}),
+        row<void>("Invoke", "-"),
+        row<void>("DoDefaultAction", "-"),
+        row<void>("Select", "-", jint{0}),
+        row<void>("SetFocus", "-"),
+        row<void>("Scroll", "-", jdouble{1}, jdouble{1}),
+        row<void>("Highlight", "-", jint{100}, jint{-1}),
+        row<void>("SimulateMouseEvent", "-", jint{500}, jint{0}, jint{1}, jint{1}, jint{0}, jint{1}),
+        row<void>("SimulateKeyStroke", "-", jchar{'a'}, jint{0x41}, jint{0}),
     };
     return rows;
 }
