@@ -299,17 +299,15 @@ TEST_F(Actions, BringToFrontFocusesTheTopElementOrRaisesTheNearestWindowOfTypeWi
         EXPECT_EQ(frame, GetForegroundWindow()) << "round " << round;
     }
     EXPECT_EQ(1, top->setFocusCalls());
-}
 
-TEST_F(Actions, BringToFrontWithoutAWindowOfTypeWindowRaisesNothing) {
-    HWND panel = makeWindow(WS_OVERLAPPEDWINDOW, {100, 100, 400, 300});
-    fakeuia::NodeSpec paneSpec = specOf(UIA_PaneControlTypeId, L"panel");
-    paneSpec.processId = static_cast<int>(GetCurrentProcessId());
-    paneSpec.nativeWindowHandle = panel;
-    fakeuia::Node& button = platform->desktop().add(paneSpec).add(specOf(UIA_ButtonControlTypeId, L"OK"));
-    HWND before = GetForegroundWindow();
-    EXPECT_EQ(JNI_FALSE, native<jboolean>("BringToFront", handleOf(button)));
-    EXPECT_EQ(before, GetForegroundWindow());
+    // A window handle only below a pane, no window of type window: nothing comes up.
+    HWND panel = makeWindow(WS_OVERLAPPEDWINDOW, {100, 400, 400, 600});
+    fakeuia::NodeSpec panelSpec = specOf(UIA_PaneControlTypeId, L"panel");
+    panelSpec.processId = static_cast<int>(GetCurrentProcessId());
+    panelSpec.nativeWindowHandle = panel;
+    fakeuia::Node& inPanel = platform->desktop().add(panelSpec).add(specOf(UIA_ButtonControlTypeId, L"OK"));
+    EXPECT_EQ(JNI_FALSE, native<jboolean>("BringToFront", handleOf(inPanel)));
+    EXPECT_EQ(frame, GetForegroundWindow());
 }
 
 // A highlight is drawn on the dispatch thread, and only where the element's

@@ -21,7 +21,6 @@
 using dwtest::DriverTest;
 using dwtest::DRIVER_CLASS;
 using dwtest::FILTER_SIGNATURE;
-using dwtest::LogFile;
 using dwtest::ownPidArgs;
 using dwtest::TargetProcess;
 
@@ -254,7 +253,7 @@ TEST_F(Lifecycle, RunNowWorkBehindTheQuitComesBackWithItsDefault) {
     });
     EXPECT_TRUE(listeners.finishedWithin(BOUND_MS)) << "EnableEventListeners waits for ever";
     EXPECT_TRUE(highlight.finishedWithin(BOUND_MS)) << "Highlight waits for ever";
-    EXPECT_TRUE(LogFile::waitFor("Done", 5000, 5));
+    EXPECT_TRUE(dwtest::waitForDispatchThreadsToEnd(5000));
 }
 
 TEST_F(Lifecycle, ASecondConnectionRightAfterADetachIsWhole) {

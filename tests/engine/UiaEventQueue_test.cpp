@@ -98,50 +98,39 @@ TEST(UiaEventQueue, InvokeNowRunsOnTheDispatchThreadAndDeletesTheRunner) {
     EXPECT_EQ(2, deleted.load());
 }
 
-TEST(UiaEventQueue, TheEndCompletesWaitingCallersWithoutRunningTheirWork) {
-    UiaEventQueue::create(GetCurrentThreadId());
-    auto queue = UiaEventQueue::getInstance();
-    std::atomic<int> runs{0};
-    std::atomic<int> deleted{0};
-    std::atomic<std::int32_t> result{-1};
-    std::thread caller([&] { result = queue->invokeNow(new CountingRunner(runs, deleted, 7)); });
-    Sleep(200);  // the caller waits by now; if not, it comes to an ended queue
-    queue->invokeLater(new CountingRunner(runs, deleted, 7));
-    UiaEventQueue::destroy();
-    const ULONGLONG end = GetTickCount64() + 5000;
-    while (result == -1 && GetTickCount64() < end) {
-        Sleep(10);
+// A caller that waits when the queue ends, or that got the queue before its
+// end and comes after it, gets the default without its work being run; what
+// is posted to an ended queue is turned away, and every runner is deleted.
+TEST(UiaEventQueue, TheEndCompletesWaitingCallersAndTurnsLaterPostersAway) {
+    for (const bool waitsAtTheEnd : {true, false}) {
+        SCOPED_TRACE(waitsAtTheEnd ? "a caller waiting at the end" : "a caller coming after the end");
+        UiaEventQueue::create(GetCurrentThreadId());
+        auto queue = UiaEventQueue::getInstance();
+        std::atomic<int> runs{0};
+        std::atomic<int> deleted{0};
+        std::atomic<std::int32_t> result{-1};
+        if (!waitsAtTheEnd) {
+            UiaEventQueue::destroy();
+        }
+        std::thread caller([&] { result = queue->invokeNow(new CountingRunner(runs, deleted, 7)); });
+        if (waitsAtTheEnd) {
+            Sleep(200);  // the caller waits by now; if not, it comes to an ended queue
+            queue->invokeLater(new CountingRunner(runs, deleted, 7));
+            UiaEventQueue::destroy();
+        }
+        const ULONGLONG end = GetTickCount64() + 5000;
+        while (result == -1 && GetTickCount64() < end) {
+            Sleep(10);
+        }
+        if (result == -1) {
+            caller.detach();
+            FAIL() << "the caller waits for ever";
+        }
+        caller.join();
+        EXPECT_EQ(0, result.load()) << "the default, not the runner's value";
+        queue->invokeLater(new CountingRunner(runs, deleted, 7));
+        queue->post(new UiaEvent(UIA_EVENT_QUIT));
+        EXPECT_EQ(0, runs.load());
+        EXPECT_EQ(waitsAtTheEnd ? 3 : 2, deleted.load());
     }
-    if (result == -1) {
-        caller.detach();
-        FAIL() << "the caller waits for ever";
-    }
-    caller.join();
-    EXPECT_EQ(0, result.load()) << "the default, not the runner's value";
-    EXPECT_EQ(0, runs.load());
-    EXPECT_EQ(2, deleted.load());
-}
-
-TEST(UiaEventQueue, APosterThatGotTheQueueBeforeItsEndIsTurnedAway) {
-    UiaEventQueue::create(GetCurrentThreadId());
-    auto queue = UiaEventQueue::getInstance();
-    UiaEventQueue::destroy();
-    std::atomic<int> runs{0};
-    std::atomic<int> deleted{0};
-    std::atomic<std::int32_t> result{-1};
-    std::thread caller([&] { result = queue->invokeNow(new CountingRunner(runs, deleted, 7)); });
-    const ULONGLONG end = GetTickCount64() + 5000;
-    while (result == -1 && GetTickCount64() < end) {
-        Sleep(10);
-    }
-    if (result == -1) {
-        caller.detach();
-        FAIL() << "the caller waits for ever";
-    }
-    EXPECT_EQ(0, result.load());
-    caller.join();
-    queue->invokeLater(new CountingRunner(runs, deleted, 7));
-    queue->post(new UiaEvent(UIA_EVENT_QUIT));
-    EXPECT_EQ(0, runs.load());
-    EXPECT_EQ(2, deleted.load());
 }
