@@ -23,28 +23,20 @@ protected:
 
 }  // namespace
 
-TEST_F(Marshal, HandlesAboveTwoGigabytesComeBackNegative) {
-    if (sizeof(void*) == 8) {
-        GTEST_SKIP() << "a 64-bit handle is the whole address";
-    }
-    Array<Handle> handles(3);
-    handles[0] = static_cast<Handle>(0x80001234u);
-    handles[1] = static_cast<Handle>(0x7FFFFFFF);
-    handles[2] = static_cast<Handle>(0xFFFFFFFFu);
-    EXPECT_EQ((std::vector<jlong>{-2147478988LL, 0x7FFFFFFF, -1}), host.longs(toJavaHandles(env, handles)));
-}
-
-TEST_F(Marshal, HandlesFromJavaKeepTheLowWordInA32BitDriver) {
+TEST_F(Marshal, HandlesKeepTheLowWordInAndComeBackSignExtended) {
     jlongArray java = host.longArray({0x1234567800000ABCLL, -1, 42});
     Array<Handle> handles = fromJavaHandles(env, java);
     ASSERT_EQ(3, handles.size());
-    if (sizeof(void*) == 4) {
-        EXPECT_EQ(static_cast<Handle>(0xABC), handles[0]);
-    } else {
-        EXPECT_EQ(static_cast<Handle>(0x1234567800000ABCLL), handles[0]);
-    }
+    EXPECT_EQ(static_cast<Handle>(sizeof(void*) == 4 ? 0xABC : 0x1234567800000ABCLL), handles[0]);
     EXPECT_EQ(static_cast<Handle>(-1), handles[1]);
     EXPECT_EQ(static_cast<Handle>(42), handles[2]);
+    if (sizeof(void*) == 4) {  // a 64-bit handle is the whole address
+        Array<Handle> high(3);
+        high[0] = static_cast<Handle>(0x80001234u);
+        high[1] = static_cast<Handle>(0x7FFFFFFF);
+        high[2] = static_cast<Handle>(0xFFFFFFFFu);
+        EXPECT_EQ((std::vector<jlong>{-2147478988LL, 0x7FFFFFFF, -1}), host.longs(toJavaHandles(env, high)));
+    }
 }
 
 TEST_F(Marshal, NullMarkersBecomeJavaNullAndEmptyTextStaysEmpty) {
@@ -57,7 +49,7 @@ TEST_F(Marshal, NullMarkersBecomeJavaNullAndEmptyTextStaysEmpty) {
     EXPECT_EQ(std::optional<std::wstring>(L"__NULL__x"), strings[3]);
 }
 
-TEST_F(Marshal, NameListsArePinnedForTheCallAndReleasedAfter) {
+TEST_F(Marshal, TextsArePinnedForTheCallAndStopAtTheFirstNul) {
     jobjectArray names = host.stringArray({L"name", L"rid", L"\u00e9t\u00e9"});
     {
         PinnedNames pinned(env, names);
@@ -67,12 +59,8 @@ TEST_F(Marshal, NameListsArePinnedForTheCallAndReleasedAfter) {
         EXPECT_EQ(3u, host.outstandingPins());
     }
     EXPECT_EQ(0u, host.outstandingPins());
-}
-
-TEST_F(Marshal, TextStopsAtTheFirstNul) {
     const wchar_t raw[] = {L'a', L'b', 0, L'c'};
-    jstring text = env->NewString(reinterpret_cast<const jchar*>(raw), 4);
-    PinnedString pinned(env, text);
+    PinnedString pinned(env, env->NewString(reinterpret_cast<const jchar*>(raw), 4));
     EXPECT_EQ(L"ab", pinned.str());
 }
 

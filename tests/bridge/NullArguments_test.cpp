@@ -6,31 +6,29 @@
 #include "FakeUiaPatterns.h"
 
 #include <functional>
-#include <optional>
 
 using dwtest::DriverTest;
-using dwtest::pendingException;
 
 namespace {
-
-using Strings = std::vector<std::optional<std::wstring>>;
 
 // Where the natives are called: before any attach (the classic routing),
 // attached with handles of living elements, or attached with a handle that
 // names nothing.
 enum class Mode { Classic, Attached, BadHandle };
 
-const char* modeName(Mode mode) {
-    return mode == Mode::Classic ? "classic" : mode == Mode::Attached ? "attached" : "bad handle";
-}
-
-class NullArguments : public DriverTest {
+class NullArguments : public DriverTest, public ::testing::WithParamInterface<Mode> {
 protected:
     void SetUp() override {
         DriverTest::SetUp();
         window = CreateWindowExW(0, L"EDIT", L"Hello window", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr,
                                  nullptr, GetModuleHandleW(nullptr), nullptr);
         ASSERT_NE(nullptr, window);
+        if (GetParam() != Mode::Classic) {
+            attachToTarget();
+        }
+        if (GetParam() != Mode::Attached) {
+            topHandle = fieldHandle = 0x5a5a50;
+        }
     }
     void TearDown() override {
         DestroyWindow(window);
@@ -52,61 +50,56 @@ protected:
         top.add(spec);
         topHandle = handleOf(top);
         fieldHandle = handleOf(field);
-        ASSERT_NE(0, topHandle);
-        ASSERT_NE(0, fieldHandle);
         children = host->longs(native<jlongArray>("GetChildren", topHandle));
         ASSERT_EQ(2u, children.size());
     }
-
-    Strings strings(jobjectArray array) {
-        return host->isNull(array) ? Strings{} : host->strings(array);
-    }
-    std::optional<Strings> maybeStrings(jobjectArray array) {
-        if (host->isNull(array)) {
-            return std::nullopt;
+    // The expected text with {top}, {field}, {c0} and {c1} filled in.
+    std::string expand(std::string text) {
+        const std::pair<const char*, jlong> names[] = {
+            {"{top}", topHandle}, {"{field}", fieldHandle}, {"{c0}", children.empty() ? 0 : children[0]},
+            {"{c1}", children.size() < 2 ? 0 : children[1]}};
+        for (const auto& [name, handle] : names) {
+            for (size_t at; (at = text.find(name)) != std::string::npos;) {
+                text.replace(at, std::string(name).size(), std::to_string(handle));
+            }
         }
-        return host->strings(array);
+        return text;
+    }
+    jobjectArray namesWithNulls(std::initializer_list<const wchar_t*> names) {
+        std::vector<std::wstring> texts;
+        for (const wchar_t* name : names) {
+            texts.push_back(name ? name : L"");
+        }
+        jobjectArray array = host->stringArray(texts);
+        jsize i = 0;
+        for (const wchar_t* name : names) {
+            if (!name) {
+                env->SetObjectArrayElement(array, i, nullptr);
+            }
+            ++i;
+        }
+        return array;
     }
     std::wstring windowText() {
         wchar_t text[64] = L"";
         GetWindowTextW(window, text, 64);
         return text;
     }
-    static std::wstring decimal(jlong handle) { return std::to_wstring(handle); }
+    jlong hwnd() const { return static_cast<jlong>(reinterpret_cast<intptr_t>(window)); }
 
-    // A native with object arguments, called with some of them null or empty.
-    // `checked`: the automation branch checks the handle first.
+    // Natives with object arguments, called with some of them null or empty,
+    // each as Java calls it (no call with an exception pending). `checked`:
+    // the automation branch checks the handle first; without a living handle
+    // such a native answers `otherwise`. The answers are joined by " | ".
+    using Call = std::function<std::string(NullArguments&)>;
     struct Row {
-        const char* call;
+        const char* name;
         bool checked;
-        std::function<void(NullArguments&, Mode)> run;
+        std::vector<Call> calls;
+        const char* attached;
+        const char* otherwise;
     };
     static const std::vector<Row>& rows();
-
-    void runRows(Mode mode) {
-        jlong bad = 0x5a5a50;
-        if (mode != Mode::Attached) {
-            topHandle = fieldHandle = bad;
-        }
-        for (const Row& row : rows()) {
-            SCOPED_TRACE(std::string(row.call) + " (" + modeName(mode) + ")");
-            const size_t misuseBefore = host->violations().size();
-            row.run(*this, mode);
-            auto thrown = host->takeException();
-            if (mode == Mode::BadHandle && row.checked) {
-                ASSERT_TRUE(thrown.has_value()) << "no exception pending";
-                EXPECT_EQ("net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException", thrown->className);
-                EXPECT_EQ(L"Invalid handle value", thrown->message);
-            } else {
-                EXPECT_FALSE(thrown.has_value()) << thrown->className;
-            }
-            const auto misuse = host->violations();
-            for (size_t i = misuseBefore; i < misuse.size(); ++i) {
-                ADD_FAILURE() << "JNI misuse: " << misuse[i];
-            }
-            EXPECT_EQ(0u, host->outstandingPins());
-        }
-    }
 
     HWND window = nullptr;
     jlong topHandle = 0;
@@ -115,207 +108,134 @@ protected:
     std::shared_ptr<fakeuia::ValueSource> value;
 };
 
+std::string flag(jboolean value) {
+    return value ? "true" : "false";
+}
+
 const std::vector<NullArguments::Row>& NullArguments::rows() {
     using T = NullArguments;
+    const jstring null{};
     static const std::vector<Row> table = {
-        {"StartClient(null)", false, [](T& t, Mode) { EXPECT_EQ(0, t.native<jint>("StartClient", jstring{})); }},
-        {"AttachClient(String null)", false,
-         [](T& t, Mode) { EXPECT_EQ(0, t.native<jint>("AttachClient__Ljava_lang_String_2", jstring{})); }},
-        {"SetPreference(null, value)", false,
-         [](T& t, Mode) {
-             t.native<void>("SetPreference", jstring{}, t.host->str(L"stored"));
-             EXPECT_EQ(L"", t.host->text(t.native<jstring>("GetPreference", t.host->str(L""))));
-         }},
-        {"SetPreference(null, null)", false,
-         [](T& t, Mode) {
-             t.native<void>("SetPreference", jstring{}, jstring{});
-             EXPECT_EQ(L"", t.host->text(t.native<jstring>("GetPreference", t.host->str(L""))));
-         }},
-        {"GetPreference(null)", false,
-         [](T& t, Mode) {
-             jstring answer = t.native<jstring>("GetPreference", jstring{});
-             ASSERT_FALSE(t.host->isNull(answer));
-             EXPECT_EQ(L"", t.host->text(answer));
-         }},
-        {"GetChildrenWithAttributes(h, null)", true,
-         [](T& t, Mode mode) {
-             auto answer = t.maybeStrings(t.native<jobjectArray>("GetChildrenWithAttributes", t.topHandle,
-                                                                 jobjectArray{}));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ((Strings{decimal(t.children[0]), decimal(t.children[1])}), answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
-        {"GetChildrenWithAttributes(h, {null, \"name\"})", true,
-         [](T& t, Mode mode) {
-             jobjectArray names = t.host->stringArray({L"x", L"name"});
-             t.env->SetObjectArrayElement(names, 0, nullptr);
-             auto answer = t.maybeStrings(t.native<jobjectArray>("GetChildrenWithAttributes", t.topHandle, names));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ((Strings{decimal(t.children[0]), std::nullopt, L"Field", decimal(t.children[1]),
-                                    std::nullopt, L""}),
-                           answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
-        {"GetChildrenWithAttributes(h, {})", true,
-         [](T& t, Mode mode) {
-             auto answer = t.maybeStrings(
-                 t.native<jobjectArray>("GetChildrenWithAttributes", t.topHandle, t.host->stringArray({})));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ((Strings{decimal(t.children[0]), decimal(t.children[1])}), answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
-        {"GetHierarchyWithAttributes(h, names, null)", true,
-         [](T& t, Mode mode) {
-             auto answer = t.maybeStrings(t.native<jobjectArray>(
-                 "GetHierarchyWithAttributes", t.fieldHandle, t.host->stringArray({L"name"}), jlongArray{}));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ((Strings{L"0", decimal(t.fieldHandle), L"Field"}), answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
-        {"GetHierarchyWithAttributes(h, null, null)", true,
-         [](T& t, Mode mode) {
-             auto answer = t.maybeStrings(
-                 t.native<jobjectArray>("GetHierarchyWithAttributes", t.topHandle, jobjectArray{}, jlongArray{}));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ((Strings{L"0", decimal(t.topHandle), L"1", decimal(t.children[0]), L"1",
-                                    decimal(t.children[1])}),
-                           answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
-        {"GetHierarchyWithAttributes(h, {null}, {})", true,
-         [](T& t, Mode mode) {
-             jobjectArray names = t.host->stringArray({L"x"});
-             t.env->SetObjectArrayElement(names, 0, nullptr);
-             auto answer = t.maybeStrings(t.native<jobjectArray>("GetHierarchyWithAttributes", t.fieldHandle,
-                                                                 names, t.host->longArray({})));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ((Strings{L"0", decimal(t.fieldHandle), std::nullopt}), answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
+        {"StartClient(null), AttachClient(String null)", false,
+         {[null](T& t) { return std::to_string(t.native<jint>("StartClient", null)); },
+          [null](T& t) { return std::to_string(t.native<jint>("AttachClient__Ljava_lang_String_2", null)); }},
+         "0 | 0", "0 | 0"},
+        {"SetPreference(null, value), SetPreference(null, null), GetPreference(null)", false,
+         {[null](T& t) {
+              t.native<void>("SetPreference", null, t.host->str(L"stored"));
+              return t.show(t.native<jstring>("GetPreference", t.host->str(L"")));
+          },
+          [null](T& t) {
+              t.native<void>("SetPreference", null, null);
+              return t.show(t.native<jstring>("GetPreference", t.host->str(L"")));
+          },
+          [null](T& t) { return t.show(t.native<jstring>("GetPreference", null)); }},
+         "'' | '' | ''", "'' | '' | ''"},
+        {"GetChildrenWithAttributes(h, null | {null, \"name\"} | {})", true,
+         {[](T& t) { return t.show(t.native<jobjectArray>("GetChildrenWithAttributes", t.topHandle, jobjectArray{})); },
+          [](T& t) {
+              return t.show(t.native<jobjectArray>("GetChildrenWithAttributes", t.topHandle,
+                                                   t.namesWithNulls({nullptr, L"name"})));
+          },
+          [](T& t) {
+              return t.show(t.native<jobjectArray>("GetChildrenWithAttributes", t.topHandle, t.host->stringArray({})));
+          }},
+         "['{c0}','{c1}'] | ['{c0}',null,'Field','{c1}',null,''] | ['{c0}','{c1}']", "null | null | null"},
+        {"GetHierarchyWithAttributes(h, names, null | null, null | {null}, {})", true,
+         {[](T& t) {
+              return t.show(t.native<jobjectArray>("GetHierarchyWithAttributes", t.fieldHandle,
+                                                   t.host->stringArray({L"name"}), jlongArray{}));
+          },
+          [](T& t) {
+              return t.show(
+                  t.native<jobjectArray>("GetHierarchyWithAttributes", t.topHandle, jobjectArray{}, jlongArray{}));
+          },
+          [](T& t) {
+              return t.show(t.native<jobjectArray>("GetHierarchyWithAttributes", t.fieldHandle,
+                                                   t.namesWithNulls({nullptr}), t.host->longArray({})));
+          }},
+         "['0','{field}','Field'] | ['0','{top}','1','{c0}','1','{c1}'] | ['0','{field}',null]",
+         "null | null | null"},
         {"GetAttribute(h, null)", true,
-         [](T& t, Mode) {
-             EXPECT_TRUE(t.host->isNull(t.native<jstring>("GetAttribute", t.fieldHandle, jstring{})));
-         }},
-        {"GetAttributes(h, null)", true,
-         [](T& t, Mode mode) {
-             auto answer = t.maybeStrings(t.native<jobjectArray>("GetAttributes", t.fieldHandle, jobjectArray{}));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ(Strings{}, answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
-        {"GetAttributes(h, {null, \"name\", null})", true,
-         [](T& t, Mode mode) {
-             jobjectArray names = t.host->stringArray({L"x", L"name", L"y"});
-             t.env->SetObjectArrayElement(names, 0, nullptr);
-             t.env->SetObjectArrayElement(names, 2, nullptr);
-             auto answer = t.maybeStrings(t.native<jobjectArray>("GetAttributes", t.fieldHandle, names));
-             if (mode == Mode::Attached) {
-                 EXPECT_EQ((Strings{std::nullopt, L"Field", std::nullopt}), answer);
-             } else {
-                 EXPECT_FALSE(answer.has_value());
-             }
-         }},
-        {"SetAttribute(h, null, \"new\")", true,
-         [](T& t, Mode) {
-             EXPECT_EQ(JNI_FALSE,
-                       t.native<jboolean>("SetAttribute", t.fieldHandle, jstring{}, t.host->str(L"new")));
-             if (t.value) {
-                 EXPECT_EQ(L"old", t.value->value);
-             }
-         }},
-        {"SetAttribute(h, \"value\", null)", true,
-         [](T& t, Mode) {
-             EXPECT_EQ(JNI_FALSE,
-                       t.native<jboolean>("SetAttribute", t.fieldHandle, t.host->str(L"value"), jstring{}));
-             if (t.value) {
-                 EXPECT_EQ(L"old", t.value->value) << "null is no value to write";
-                 EXPECT_EQ(0, t.value->setValueCalls);
-             }
-         }},
-        {"SetAttribute(h, null, null)", true,
-         [](T& t, Mode) {
-             EXPECT_EQ(JNI_FALSE, t.native<jboolean>("SetAttribute", t.fieldHandle, jstring{}, jstring{}));
-         }},
+         {[null](T& t) { return t.show(t.native<jstring>("GetAttribute", t.fieldHandle, null)); }}, "null", "null"},
+        {"GetAttributes(h, null | {null, \"name\", null})", true,
+         {[](T& t) { return t.show(t.native<jobjectArray>("GetAttributes", t.fieldHandle, jobjectArray{})); },
+          [](T& t) {
+              return t.show(t.native<jobjectArray>("GetAttributes", t.fieldHandle,
+                                                   t.namesWithNulls({nullptr, L"name", nullptr})));
+          }},
+         "[] | [null,'Field',null]", "null | null"},
+        // null is no name and no value to write: nothing reaches the pattern.
+        {"SetAttribute(h, null, \"new\" | \"value\", null | null, null)", true,
+         {[null](T& t) { return flag(t.native<jboolean>("SetAttribute", t.fieldHandle, null, t.host->str(L"new"))); },
+          [null](T& t) {
+              return flag(t.native<jboolean>("SetAttribute", t.fieldHandle, t.host->str(L"value"), null));
+          },
+          [null](T& t) { return flag(t.native<jboolean>("SetAttribute", t.fieldHandle, null, null)); }},
+         "false | false | false", "false | false | false"},
         {"EvalJS(h, null)", false,
-         [](T& t, Mode) { EXPECT_TRUE(t.host->isNull(t.native<jstring>("EvalJS", t.fieldHandle, jstring{}))); }},
-        {"GetElementsByProperty(h, null, \"Field\")", true,
-         [](T& t, Mode mode) {
-             jlongArray found = t.native<jlongArray>("GetElementsByProperty", t.topHandle, jstring{},
-                                                     t.host->str(L"Field"));
-             if (mode == Mode::Attached) {
-                 ASSERT_FALSE(t.host->isNull(found));
-                 EXPECT_TRUE(t.host->longs(found).empty());
-             } else {
-                 EXPECT_TRUE(t.host->isNull(found));
-             }
-         }},
-        {"GetElementsByProperty(h, \"name\", null)", true,
-         [](T& t, Mode mode) {
-             jlongArray found = t.native<jlongArray>("GetElementsByProperty", t.topHandle, t.host->str(L"name"),
-                                                     jstring{});
-             if (mode == Mode::Attached) {
-                 ASSERT_FALSE(t.host->isNull(found));
-                 EXPECT_TRUE(t.host->longs(found).empty()) << "null is no name to look for";
-             } else {
-                 EXPECT_TRUE(t.host->isNull(found));
-             }
-         }},
-        {"GetElementsByProperty(h, null, null)", true,
-         [](T& t, Mode mode) {
-             jlongArray found = t.native<jlongArray>("GetElementsByProperty", t.topHandle, jstring{}, jstring{});
-             if (mode == Mode::Attached) {
-                 ASSERT_FALSE(t.host->isNull(found));
-                 EXPECT_TRUE(t.host->longs(found).empty());
-             } else {
-                 EXPECT_TRUE(t.host->isNull(found));
-             }
-         }},
+         {[null](T& t) { return t.show(t.native<jstring>("EvalJS", t.fieldHandle, null)); }}, "null", "null"},
+        {"GetElementsByProperty(h, null, \"Field\" | \"name\", null | null, null)", true,
+         {[null](T& t) {
+              return t.show(t.native<jlongArray>("GetElementsByProperty", t.topHandle, null, t.host->str(L"Field")));
+          },
+          [null](T& t) {
+              return t.show(t.native<jlongArray>("GetElementsByProperty", t.topHandle, t.host->str(L"name"), null));
+          },
+          [null](T& t) { return t.show(t.native<jlongArray>("GetElementsByProperty", t.topHandle, null, null)); }},
+         "[] | [] | []", "null | null | null"},
         {"SetWindowText(hwnd, null)", false,
-         [](T& t, Mode) {
-             const jlong hwnd = static_cast<jlong>(reinterpret_cast<intptr_t>(t.window));
-             EXPECT_EQ(JNI_FALSE, t.native<jboolean>("SetWindowText", hwnd, jstring{}));
-             EXPECT_EQ(L"Hello window", t.windowText());
+         {[null](T& t) {
+             return flag(t.native<jboolean>("SetWindowText", t.hwnd(), null)) + " " +
+                    std::string(t.windowText() == L"Hello window" ? "unchanged" : "changed");
          }},
+         "false unchanged", "false unchanged"},
         // Last: before any attach, this selects the automation back end.
         {"AttachUiaClient(null)", false,
-         [](T& t, Mode) { EXPECT_EQ(0, t.native<jint>("AttachUiaClient", jstring{}, jint{100})); }},
+         {[null](T& t) { return std::to_string(t.native<jint>("AttachUiaClient", null, jint{100})); }}, "0", "0"},
     };
     return table;
 }
 
+const char* modeName(const ::testing::TestParamInfo<Mode>& info) {
+    return info.param == Mode::Classic ? "Classic" : info.param == Mode::Attached ? "Attached" : "BadHandle";
+}
+
 }  // namespace
 
-TEST_F(NullArguments, BeforeAnyAttachEveryNativeAnswersItsDefault) {
-    runRows(Mode::Classic);
+TEST_P(NullArguments, EveryNativeAnswersItsDefaultAndThrowsOnlyForABadHandle) {
+    const Mode mode = GetParam();
+    for (const Row& row : rows()) {
+        SCOPED_TRACE(row.name);
+        const size_t misuseBefore = host->violations().size();
+        std::string answers;
+        for (const Call& call : row.calls) {
+            answers += (answers.empty() ? "" : " | ") + call(*this);
+            EXPECT_EQ(mode == Mode::BadHandle && row.checked ? "Invalid handle value" : "", thrown());
+        }
+        EXPECT_EQ(expand(mode == Mode::Attached ? row.attached : row.otherwise), answers);
+        const auto misuse = host->violations();
+        for (size_t i = misuseBefore; i < misuse.size(); ++i) {
+            ADD_FAILURE() << "JNI misuse: " << misuse[i];
+        }
+        EXPECT_EQ(0u, host->outstandingPins());
+    }
+    if (value) {
+        EXPECT_EQ(L"old", value->value);
+        EXPECT_EQ(0, value->setValueCalls);
+    }
 }
 
-TEST_F(NullArguments, AttachedEveryNativeAnswersItsDefaultOrAnEmptyResult) {
-    attachToTarget();
-    runRows(Mode::Attached);
-}
-
-TEST_F(NullArguments, WithABadHandleOnlyTheHandleIsReported) {
-    attachToTarget();
-    runRows(Mode::BadHandle);
-}
+// One instance each: every test process starts with a fresh driver.
+INSTANTIATE_TEST_SUITE_P(Before, NullArguments, ::testing::Values(Mode::Classic), modeName);
+INSTANTIATE_TEST_SUITE_P(Attached, NullArguments, ::testing::Values(Mode::Attached), modeName);
+INSTANTIATE_TEST_SUITE_P(WithABadHandle, NullArguments, ::testing::Values(Mode::BadHandle), modeName);
 
 // Texts of 100,000 characters into every native that reads a text, before
 // any attach and then into the parser of the connection parameters.
-TEST_F(NullArguments, HugeTextsAreReadWhole) {
+TEST_F(DriverTest, HugeTextsAreReadWhole) {
+    HWND window = CreateWindowExW(0, L"EDIT", L"", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr, nullptr,
+                                  GetModuleHandleW(nullptr), nullptr);
     const std::wstring huge(100000, L'x');
     EXPECT_EQ(0, native<jint>("StartClient", host->str(huge)));
     EXPECT_EQ(0, native<jint>("AttachClient__Ljava_lang_String_2", host->str(huge)));
@@ -328,5 +248,6 @@ TEST_F(NullArguments, HugeTextsAreReadWhole) {
         SCOPED_TRACE(std::to_string(args.size()) + " characters from " + std::string(args.begin(), args.begin() + 8));
         EXPECT_EQ(0, native<jint>("AttachUiaClient", host->str(args), jint{50}));
     }
-    EXPECT_EQ("", pendingException(*host));
+    EXPECT_EQ("", thrown());
+    DestroyWindow(window);
 }

@@ -20,32 +20,25 @@ struct SplitCase {
 
 }  // namespace
 
-TEST(Preferences, NumbersNeedOnlyALeadingNumber) {
-    const IntCase cases[] = {
+TEST(Preferences, NumbersNeedOnlyALeadingNumberAndListsKeepEveryPiece) {
+    const IntCase numbers[] = {
         {L"12ms", 12}, {L"abc", 7}, {L"", 7}, {L"-3", -3}, {L"  42", 42},
         {L"+5x", 5},   {L"0", 0},   {L"99999999999", 7}, {L"x12", 7},
     };
-    for (const IntCase& c : cases) {
+    for (const IntCase& c : numbers) {
         EXPECT_EQ(c.expected, parseIntOr(c.text, 7)) << std::string(c.text, c.text + wcslen(c.text));
     }
-}
-
-TEST(Preferences, ListsKeepEveryPieceEmptyOnesIncluded) {
-    const SplitCase cases[] = {
-        {L"", {}},
-        {L"a", {L"a"}},
-        {L"a,,b", {L"a", L"", L"b"}},
-        {L"a,", {L"a", L""}},
-        {L",a", {L"", L"a"}},
-        {L",", {L"", L""}},
-        {L" a , b", {L" a ", L" b"}},
+    const SplitCase lists[] = {
+        {L"", {}},          {L"a", {L"a"}},        {L"a,,b", {L"a", L"", L"b"}}, {L"a,", {L"a", L""}},
+        {L",a", {L"", L"a"}}, {L",", {L"", L""}}, {L" a , b", {L" a ", L" b"}},
     };
-    for (const SplitCase& c : cases) {
+    for (const SplitCase& c : lists) {
         EXPECT_EQ(c.pieces, splitString(c.text, L',')) << std::string(c.text, c.text + wcslen(c.text));
     }
 }
 
-TEST(Preferences, FlagsAreExactlyTrueAndReadAfreshEachTime) {
+// Flags are exactly "true"; every value is read afresh on each use.
+TEST(Preferences, FlagsCountsAndListsReadThroughTheStore) {
     Preferences& store = Preferences::getInstance();
     const std::wstring key = PREF_FRONT_VIA_FOCUS;
     EXPECT_FALSE(store.getFlag(key));
@@ -57,10 +50,6 @@ TEST(Preferences, FlagsAreExactlyTrueAndReadAfreshEachTime) {
     EXPECT_FALSE(store.getFlag(key));
     store.setPreference(key, NULL_JAVA_STRING);
     EXPECT_FALSE(store.getFlag(key));
-}
-
-TEST(Preferences, CountsAndListsReadThroughTheStore) {
-    Preferences& store = Preferences::getInstance();
     EXPECT_EQ(0, store.getInt(PREF_MAX_CHILDREN));
     store.setPreference(PREF_MAX_CHILDREN, L"abc");
     EXPECT_EQ(0, store.getInt(PREF_MAX_CHILDREN));

@@ -1,28 +1,66 @@
-// The end of a connection as Java meets it: natives called after a detach, a
-// failed attach or the target's end; natives that are still running when the
-// end comes; and a second connection in the same process.
+// The end of a connection as Java meets it: the target's end and the watch
+// over it, natives called after a detach, a failed attach or the target's
+// end; natives that are still running when the end comes; and a second
+// connection in the same process.
 #include "DriverTest.h"
 #include "ImportPatch.h"
 #include "TargetProcess.h"
 
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <thread>
 
 using dwtest::DriverTest;
-using dwtest::LogFile;
+using dwtest::DRIVER_CLASS;
+using dwtest::FILTER_SIGNATURE;
+using dwtest::ownPidArgs;
 using dwtest::TargetProcess;
 
 namespace {
 
-const std::string EVENTS = "net/tolva/apps/cuebench/client/win/deskwright/event/";
-const std::string WIN_EVENT = EVENTS + "WinEvent";
-const std::string CALLBACK_EVENT = EVENTS + "CallbackEvent";
-const char* const DRIVER = "net/tolva/apps/cuebench/client/win/deskwright/DefaultDeskwright";
-const char* const FILTER_SIGNATURE = "(Lnet/tolva/apps/cuebench/client/win/deskwright/event/WinEvent;)Z";
+const std::string WIN_EVENT = dwtest::EVENT_PACKAGE + "WinEvent";
+const std::string CALLBACK_EVENT = dwtest::EVENT_PACKAGE + "CallbackEvent";
 const unsigned BOUND_MS = 10000;
+
+// Sends the process's standard output into a file for a while.
+class StdoutCapture {
+public:
+    StdoutCapture() {
+        wchar_t dir[MAX_PATH];
+        GetTempPathW(MAX_PATH, dir);
+        path_ = std::wstring(dir) + L"deskwright-stdout-" + std::to_wstring(GetCurrentProcessId()) + L".txt";
+        std::fflush(stdout);
+        saved_ = _dup(1);
+        const int file = _wopen(path_.c_str(), _O_CREAT | _O_TRUNC | _O_WRONLY, _S_IREAD | _S_IWRITE);
+        _dup2(file, 1);
+        _close(file);
+    }
+    ~StdoutCapture() { restore(); }
+    std::string restore() {
+        if (saved_ >= 0) {
+            std::fflush(stdout);
+            _dup2(saved_, 1);
+            _close(saved_);
+            saved_ = -1;
+        }
+        std::ifstream in(path_.c_str());
+        std::stringstream all;
+        all << in.rdbuf();
+        return all.str();
+    }
+
+private:
+    std::wstring path_;
+    int saved_ = -1;
+};
 
 // A manual-reset event that closes itself.
 class Signal {
@@ -97,7 +135,19 @@ protected:
         EXPECT_TRUE(dwtest::waitForDispatchThreadsToEnd(BOUND_MS));
         DriverTest::TearDown();
     }
-    std::wstring ownPidArgs() const { return L"-pid " + std::to_wstring(GetCurrentProcessId()); }
+    // A real target with its window on the simulated desktop; attached to.
+    void connectTo(TargetProcess& target, const wchar_t* title, size_t connections) {
+        ASSERT_TRUE(target.ready()) << "target.exe did not start";
+        fakeuia::NodeSpec spec;
+        spec.controlType = UIA_WindowControlTypeId;
+        spec.name = title;
+        spec.processId = static_cast<int>(target.pid());
+        spec.nativeWindowHandle = target.window();
+        spec.bounds = {500, 500, 600, 600};
+        platform->desktop().add(spec);
+        ASSERT_EQ(static_cast<jint>(target.pid()), attach(L"-pid " + std::to_wstring(target.pid()), 1000));
+        ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, connections, 5000)) << "no onConnect";
+    }
     void connect(size_t connections) {
         ASSERT_EQ(static_cast<jint>(GetCurrentProcessId()), attach(ownPidArgs(), 1000));
         ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, connections, 5000)) << "no onConnect";
@@ -105,7 +155,7 @@ protected:
     // The dispatch thread is held in Java (in filterEvent of a CallbackEvent)
     // for a while, so that what is posted now stands behind what comes next.
     void holdDispatchThreadInJava(DWORD ms) {
-        host->onCall(DRIVER, "filterEvent", FILTER_SIGNATURE,
+        host->onCall(DRIVER_CLASS, "filterEvent", FILTER_SIGNATURE,
                      [this, ms](JNIEnv*, jobject, const std::vector<jnihost::Value>& args) {
                          if (host->classNameOf(args[0].l) == CALLBACK_EVENT) {
                              inJava.set();
@@ -134,30 +184,26 @@ protected:
 
 }  // namespace
 
-TEST_F(Lifecycle, HandleFreeNativesAfterADetachOrAFailedAttachGiveTheirDefaults) {
-    connect(1);
-    EXPECT_NE(jlong{0}, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
-    detachAndWait();
-    expectDefaults("after a detach");
-
-    EXPECT_EQ(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId() + 4), 1000));
-    ASSERT_TRUE(waitForReleases(5000)) << platform->outstandingBreakdown();
-    expectDefaults("after a failed attach");
-}
-
-TEST_F(Lifecycle, NewListenerModesWithoutAConnectionAreIgnored) {
+TEST_F(Lifecycle, AfterADetachOrAFailedAttachNativesGiveTheirDefaultsAndModesAreIgnored) {
     const struct {
         const char* when;
         std::function<void()> end;
     } rows[] = {
-        {"after a detach", [this] { connect(1); detachAndWait(); }},
-        {"after a failed attach", [this] { EXPECT_EQ(0, attach(L"No such window", 1000)); }},
+        {"after a detach",
+         [this] {
+             connect(1);
+             EXPECT_NE(jlong{0}, native<jlong>("GetElementFromPoint", jint{30}, jint{30}));
+             detachAndWait();
+         }},
+        {"after a failed attach",
+         [this] { EXPECT_EQ(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId() + 4), 1000)); }},
     };
     jint mode = 0x3;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.when);
         row.end();
         ASSERT_TRUE(waitForReleases(5000)) << platform->outstandingBreakdown();
+        expectDefaults(row.when);
         const size_t handlers = platform->eventHandlers().size();
         native<void>("EnableEventListeners", mode++);
         EXPECT_EQ(handlers, platform->eventHandlers().size());
@@ -207,7 +253,7 @@ TEST_F(Lifecycle, RunNowWorkBehindTheQuitComesBackWithItsDefault) {
     });
     EXPECT_TRUE(listeners.finishedWithin(BOUND_MS)) << "EnableEventListeners waits for ever";
     EXPECT_TRUE(highlight.finishedWithin(BOUND_MS)) << "Highlight waits for ever";
-    EXPECT_TRUE(LogFile::waitFor("Done", 5000, 5));
+    EXPECT_TRUE(dwtest::waitForDispatchThreadsToEnd(5000));
 }
 
 TEST_F(Lifecycle, ASecondConnectionRightAfterADetachIsWhole) {
@@ -220,7 +266,7 @@ TEST_F(Lifecycle, ASecondConnectionRightAfterADetachIsWhole) {
     connect(2);
     EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected"));
 
-    host->onCall(DRIVER, "filterEvent", FILTER_SIGNATURE,
+    host->onCall(DRIVER_CLASS, "filterEvent", FILTER_SIGNATURE,
                  [](JNIEnv*, jobject, const std::vector<jnihost::Value>&) {
                      return jnihost::Value::of(jboolean{JNI_TRUE});
                  });
@@ -234,45 +280,40 @@ TEST_F(Lifecycle, ASecondConnectionRightAfterADetachIsWhole) {
     EXPECT_EQ(1u, tops.size());
 }
 
-TEST_F(Lifecycle, AnOldTargetsEndLeavesTheNextConnectionAlone) {
-    TargetProcess old(L"Old Target");
-    ASSERT_TRUE(old.ready()) << "target.exe did not start";
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_WindowControlTypeId;
-    spec.name = L"Old Target";
-    spec.processId = static_cast<int>(old.pid());
-    spec.nativeWindowHandle = old.window();
-    platform->desktop().add(spec);
-    ASSERT_EQ(static_cast<jint>(old.pid()), attach(L"-pid " + std::to_wstring(old.pid()), 1000));
-    ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, 1, 5000));
-    detachAndWait();
+TEST_F(Lifecycle, TheTargetsEndReachesJavaOnTheDispatchThread) {
+    TargetProcess target(L"Short Lived");
+    connectTo(target, L"Short Lived", 1);
+    EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected"));
+    const DWORD dispatch = host->calls("filterEvent")[0].threadId;
+    StdoutCapture output;
+    target.kill();
+    ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, 2, 5000)) << "no terminate event";
+    EXPECT_TRUE(dwtest::waitForDispatchThreadsToEnd(5000));
+    const std::string printed = output.restore();
+    attached = false;  // the dispatch thread has ended by itself
+    auto events = host->constructions(WIN_EVENT);
+    EXPECT_EQ(101, events[1].args[0].i);
+    EXPECT_EQ(dispatch, events[1].threadId);
+    EXPECT_NE(std::string::npos, printed.find("terminated\n")) << printed;
+    EXPECT_EQ(JNI_FALSE, native<jboolean>("IsConnected"));
+    expectDefaults("after the target's end");
+}
 
+// The watch ends with a Java detach: the old target's end tells nobody, and
+// leaves the next connection alone.
+TEST_F(Lifecycle, AfterADetachTheOldTargetsEndTellsNobody) {
+    TargetProcess old(L"Old Target");
+    connectTo(old, L"Old Target", 1);
+    detachAndWait();
     connect(2);
+    StdoutCapture output;
     old.kill();
     ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(old.process(), 5000));
     EXPECT_FALSE(host->waitForConstructions(WIN_EVENT, 3, 1500)) << "a terminate for the new connection";
+    EXPECT_EQ(std::string::npos, output.restore().find("terminated"));
     EXPECT_EQ(JNI_TRUE, native<jboolean>("IsConnected"));
     native<void>("TriggerThread");
     EXPECT_TRUE(host->waitForConstructions(CALLBACK_EVENT, 1, 5000)) << "the new connection still runs";
-}
-
-TEST_F(Lifecycle, HandleFreeNativesAfterTheTargetsEndGiveTheirDefaults) {
-    TargetProcess target(L"Short Lived");
-    ASSERT_TRUE(target.ready()) << "target.exe did not start";
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_WindowControlTypeId;
-    spec.name = L"Short Lived";
-    spec.processId = static_cast<int>(target.pid());
-    spec.nativeWindowHandle = target.window();
-    spec.bounds = {500, 500, 600, 600};
-    platform->desktop().add(spec);
-    ASSERT_NE(0, attach(L"-pid " + std::to_wstring(target.pid()), 1000));
-    ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, 1, 5000));
-    target.kill();
-    ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, 2, 5000)) << "no terminate";
-    ASSERT_TRUE(LogFile::waitFor("Done", 5000, 5));
-    attached = false;
-    expectDefaults("after the target's end");
 }
 
 TEST_F(Lifecycle, ThreadsThatCannotStartLeaveNoHalfConnection) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 
 using namespace tolva;
@@ -51,111 +52,85 @@ TEST(UiaEventQueue, QuietQueueMakesOneIdleEntryEveryTwoSeconds) {
     EXPECT_LT(idle[1] - idle[0], 2600u);
 }
 
-TEST(UiaEventQueue, EntriesComeOutFirstInFirstOut) {
-    QueueOnThisThread owner;
-    owner.queue().post(new UiaEvent(UIA_EVENT_TRIGGER));
-    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
-    UiaEvent* first = owner.queue().next();
-    UiaEvent* second = owner.queue().next();
-    EXPECT_EQ(UIA_EVENT_TRIGGER, first->id);
-    EXPECT_EQ(UIA_EVENT_QUIT, second->id);
-    delete first;
-    delete second;
-}
-
-TEST(UiaEventQueue, InvokeNowOnTheDispatchThreadRunsAtOnceAndDeletesTheRunner) {
+TEST(UiaEventQueue, EntriesComeOutFirstInFirstOutAndLaterRunnersBelongToThem) {
     QueueOnThisThread owner;
     std::atomic<int> runs{0};
     std::atomic<int> deleted{0};
+    owner.queue().post(new UiaEvent(UIA_EVENT_TRIGGER));
+    owner.queue().invokeLater(new CountingRunner(runs, deleted, 1));
+    owner.queue().invokeLaterQuiet(new CountingRunner(runs, deleted, 1));
+    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
+    std::unique_ptr<UiaEvent> trigger(owner.queue().next());
+    std::unique_ptr<UiaEvent> loud(owner.queue().next());
+    std::unique_ptr<UiaEvent> quiet(owner.queue().next());
+    std::unique_ptr<UiaEvent> quit(owner.queue().next());
+    EXPECT_EQ(UIA_EVENT_TRIGGER, trigger->id);
+    EXPECT_EQ(UIA_EVENT_RUN_LATER, loud->id);
+    EXPECT_FALSE(static_cast<UiaRunEvent*>(loud.get())->quiet);
+    EXPECT_TRUE(static_cast<UiaRunEvent*>(quiet.get())->quiet);
+    EXPECT_EQ(UIA_EVENT_QUIT, quit->id);
+    EXPECT_EQ(0, deleted.load());
+    loud.reset();
+    quiet.reset();
+    EXPECT_EQ(2, deleted.load());
+    EXPECT_EQ(0, runs.load());
+}
+
+TEST(UiaEventQueue, InvokeNowRunsOnTheDispatchThreadAndDeletesTheRunner) {
+    QueueOnThisThread owner;
+    std::atomic<int> runs{0};
+    std::atomic<int> deleted{0};
+    // On the dispatch thread: at once, not through the queue.
     EXPECT_EQ(42, owner.queue().invokeNow(new CountingRunner(runs, deleted, 42)));
     EXPECT_EQ(1, runs.load());
     EXPECT_EQ(1, deleted.load());
-    // Nothing went through the queue: the next entry is the idle marker.
-    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
-    UiaEvent* next = owner.queue().next();
-    EXPECT_EQ(UIA_EVENT_QUIT, next->id);
-    delete next;
-}
-
-TEST(UiaEventQueue, InvokeNowFromAnotherThreadWaitsForTheDispatchThread) {
-    QueueOnThisThread owner;
-    std::atomic<int> runs{0};
-    std::atomic<int> deleted{0};
+    // From another thread: the caller waits for the dispatch thread.
     std::atomic<std::int32_t> result{0};
     std::thread caller([&] { result = owner.queue().invokeNow(new CountingRunner(runs, deleted, 7)); });
     UiaEvent* event = owner.queue().next();
-    ASSERT_EQ(UIA_EVENT_RUN_NOW, event->id);
+    ASSERT_EQ(UIA_EVENT_RUN_NOW, event->id) << "the first entry: nothing else went through the queue";
     auto* run = static_cast<UiaRunEvent*>(event);
     EXPECT_EQ(0, result.load()) << "the caller still waits";
     run->result = (*run->runner)();
     SetEvent(run->doneEvent);  // the event belongs to the waiting caller
     caller.join();
     EXPECT_EQ(7, result.load());
-    EXPECT_EQ(1, deleted.load());
-}
-
-TEST(UiaEventQueue, InvokeLaterHandsTheRunnerToTheQueue) {
-    QueueOnThisThread owner;
-    std::atomic<int> runs{0};
-    std::atomic<int> deleted{0};
-    owner.queue().invokeLater(new CountingRunner(runs, deleted, 1));
-    owner.queue().invokeLaterQuiet(new CountingRunner(runs, deleted, 1));
-    UiaEvent* loud = owner.queue().next();
-    UiaEvent* quiet = owner.queue().next();
-    EXPECT_EQ(UIA_EVENT_RUN_LATER, loud->id);
-    EXPECT_FALSE(static_cast<UiaRunEvent*>(loud)->quiet);
-    EXPECT_TRUE(static_cast<UiaRunEvent*>(quiet)->quiet);
-    EXPECT_EQ(0, deleted.load());
-    delete loud;
-    delete quiet;
-    EXPECT_EQ(2, deleted.load());
-    EXPECT_EQ(0, runs.load());
-}
-
-TEST(UiaEventQueue, TheEndCompletesWaitingCallersWithoutRunningTheirWork) {
-    UiaEventQueue::create(GetCurrentThreadId());
-    auto queue = UiaEventQueue::getInstance();
-    std::atomic<int> runs{0};
-    std::atomic<int> deleted{0};
-    std::atomic<std::int32_t> result{-1};
-    std::thread caller([&] { result = queue->invokeNow(new CountingRunner(runs, deleted, 7)); });
-    Sleep(200);  // the caller waits by now; if not, it comes to an ended queue
-    queue->invokeLater(new CountingRunner(runs, deleted, 7));
-    UiaEventQueue::destroy();
-    const ULONGLONG end = GetTickCount64() + 5000;
-    while (result == -1 && GetTickCount64() < end) {
-        Sleep(10);
-    }
-    if (result == -1) {
-        caller.detach();
-        FAIL() << "the caller waits for ever";
-    }
-    caller.join();
-    EXPECT_EQ(0, result.load()) << "the default, not the runner's value";
-    EXPECT_EQ(0, runs.load());
     EXPECT_EQ(2, deleted.load());
 }
 
-TEST(UiaEventQueue, APosterThatGotTheQueueBeforeItsEndIsTurnedAway) {
-    UiaEventQueue::create(GetCurrentThreadId());
-    auto queue = UiaEventQueue::getInstance();
-    UiaEventQueue::destroy();
-    std::atomic<int> runs{0};
-    std::atomic<int> deleted{0};
-    std::atomic<std::int32_t> result{-1};
-    std::thread caller([&] { result = queue->invokeNow(new CountingRunner(runs, deleted, 7)); });
-    const ULONGLONG end = GetTickCount64() + 5000;
-    while (result == -1 && GetTickCount64() < end) {
-        Sleep(10);
+// A caller that waits when the queue ends, or that got the queue before its
+// end and comes after it, gets the default without its work being run; what
+// is posted to an ended queue is turned away, and every runner is deleted.
+TEST(UiaEventQueue, TheEndCompletesWaitingCallersAndTurnsLaterPostersAway) {
+    for (const bool waitsAtTheEnd : {true, false}) {
+        SCOPED_TRACE(waitsAtTheEnd ? "a caller waiting at the end" : "a caller coming after the end");
+        UiaEventQueue::create(GetCurrentThreadId());
+        auto queue = UiaEventQueue::getInstance();
+        std::atomic<int> runs{0};
+        std::atomic<int> deleted{0};
+        std::atomic<std::int32_t> result{-1};
+        if (!waitsAtTheEnd) {
+            UiaEventQueue::destroy();
+        }
+        std::thread caller([&] { result = queue->invokeNow(new CountingRunner(runs, deleted, 7)); });
+        if (waitsAtTheEnd) {
+            Sleep(200);  // the caller waits by now; if not, it comes to an ended queue
+            queue->invokeLater(new CountingRunner(runs, deleted, 7));
+            UiaEventQueue::destroy();
+        }
+        const ULONGLONG end = GetTickCount64() + 5000;
+        while (result == -1 && GetTickCount64() < end) {
+            Sleep(10);
+        }
+        if (result == -1) {
+            caller.detach();
+            FAIL() << "the caller waits for ever";
+        }
+        caller.join();
+        EXPECT_EQ(0, result.load()) << "the default, not the runner's value";
+        queue->invokeLater(new CountingRunner(runs, deleted, 7));
+        queue->post(new UiaEvent(UIA_EVENT_QUIT));
+        EXPECT_EQ(0, runs.load());
+        EXPECT_EQ(waitsAtTheEnd ? 3 : 2, deleted.load());
     }
-    if (result == -1) {
-        caller.detach();
-        FAIL() << "the caller waits for ever";
-    }
-    EXPECT_EQ(0, result.load());
-    caller.join();
-    queue->invokeLater(new CountingRunner(runs, deleted, 7));
-    queue->post(new UiaEvent(UIA_EVENT_QUIT));
-    EXPECT_EQ(0, runs.load());
-    EXPECT_EQ(2, deleted.load());
 }

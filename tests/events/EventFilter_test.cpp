@@ -66,12 +66,65 @@ protected:
     std::unique_ptr<jnihost::JavaHost> host;
 };
 
+// Makes a Java call of the host throw.
+JavaHost::Handler throwing(JavaHost& host, const char* exceptionClass) {
+    return [&host, exceptionClass](JNIEnv*, jobject, const std::vector<Value>&) {
+        host.raise(exceptionClass, L"thrown by the host");
+        return Value::none();
+    };
+}
+
+struct BrokenHost {
+    const char* name;
+    std::function<void(JavaHost&)> breakIt;
+    std::function<void(EventFilter&)> send;
+    bool laterEventsGetThrough;  // a ChangeEvent sent afterwards reaches filterEvent
+};
+
+void sendMouse(EventFilter& filter) {
+    MouseEvent event(1, 513, 1, 2, 3, 4, 0, 0, 5);
+    filter.callJava(&event);
+}
+
+void sendTrigger(EventFilter& filter) {
+    WinClientEvent event(EVENT_CALLBACK, 0, 0);
+    filter.callJava(&event);
+}
+
+// Ways to break the host: a class of the event package or a method missing,
+// or a Java method that throws.
+std::function<void(JavaHost&)> withoutClass(const char* simpleName) {
+    return [simpleName](JavaHost& h) { h.removeClass(EVENT + simpleName); };
+}
+std::function<void(JavaHost&)> withoutMethod(std::string cls, const char* name, const char* signature) {
+    return [=](JavaHost& h) { h.removeMethod(cls, name, signature); };
+}
+std::function<void(JavaHost&)> throwingIn(std::string cls, const char* name, const char* signature,
+                                          const char* exception) {
+    return [=](JavaHost& h) { h.onCall(cls, name, signature, throwing(h, exception)); };
+}
+
 }  // namespace
 
-TEST_F(EventBridge, EachRecordBecomesItsJavaEventWithTimestamps) {
+// Each record becomes its Java event, with time stamps; unknown records are
+// dropped; the trigger becomes a CallbackEvent; the check requests reach
+// their Java methods, and context labels keep their places and whole text.
+TEST_F(EventBridge, RecordsAndRequestsReachTheirJavaClassesAndMethods) {
     connect();
-    onAttachedThread([](EventFilter& filter) {
+    const std::wstring withNul(L"a\0b", 3);
+    host->onCall(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;",
+                 [this, &withNul](JNIEnv* env, jobject, const std::vector<Value>&) {
+                     jobjectArray labels = env->NewObjectArray(4, env->FindClass("java/lang/Object"), nullptr);
+                     env->SetObjectArrayElement(labels, 0, host->str(L"Text"));
+                     env->SetObjectArrayElement(labels, 2, host->callbackObject());  // not a string
+                     env->SetObjectArrayElement(labels, 3, host->str(withNul));
+                     return Value::of(static_cast<jobject>(labels));
+                 });
+    std::vector<std::wstring> labels;
+    onAttachedThread([&labels](EventFilter& filter) {
         filter.onConnect();
+        WinClientEvent unknown(150, 1, 2);
+        filter.callJava(&unknown);
         MouseEvent mouse(-5, 513, 1, 2, 101, 102, 0, 16, 1700000000123LL);
         KeyEvent key(7, 256, 65, 'a', true, false, true, 1700000000456LL);
         UIAutomationEvent automation(9, 4096, 30005, L"new name", 1700000000789LL);
@@ -80,6 +133,11 @@ TEST_F(EventBridge, EachRecordBecomesItsJavaEventWithTimestamps) {
         filter.callJava(&key);
         filter.callJava(&automation);
         filter.callJava(&msaa);
+        sendTrigger(filter);
+        filter.callJavaPrepareRecording(-2);
+        filter.callJavaDefaultCheck(3);
+        filter.callJavaCheckSelect(4, 1);
+        labels = filter.callJavaContextCheck(5);
     });
     auto mouse = only("MouseEvent");
     EXPECT_EQ("(IJIIIIIIIJ)V", mouse.signature);
@@ -107,7 +165,18 @@ TEST_F(EventBridge, EachRecordBecomesItsJavaEventWithTimestamps) {
     EXPECT_EQ(32768, msaa.args[1].i);
     EXPECT_EQ(0x1234, msaa.args[2].i);
 
-    EXPECT_EQ(5u, host->calls("filterEvent").size());  // the connect and four events
+    EXPECT_EQ("()V", only("CallbackEvent").signature);
+    EXPECT_EQ(6u, host->calls("filterEvent").size());  // the connect, four events and the trigger
+
+    EXPECT_EQ((std::vector<std::wstring>{L"Text", L"", L"", withNul}), labels);
+    EXPECT_EQ(0u, host->outstandingPins());
+    ASSERT_EQ(1u, host->calls("onPrepareRecording").size());
+    EXPECT_EQ(jlong{-2}, host->calls("onPrepareRecording")[0].args[0].j);
+    ASSERT_EQ(1u, host->calls("onCheckSelect").size());
+    EXPECT_EQ(jlong{4}, host->calls("onCheckSelect")[0].args[0].j);
+    EXPECT_EQ(1, host->calls("onCheckSelect")[0].args[1].i);
+    ASSERT_EQ(1u, host->calls("onDefaultCheck").size());
+    EXPECT_EQ(jlong{3}, host->calls("onDefaultCheck")[0].args[0].j);
 }
 
 TEST_F(EventBridge, WithoutTimestampsTheShortConstructorsAreUsed) {
@@ -127,104 +196,24 @@ TEST_F(EventBridge, WithoutTimestampsTheShortConstructorsAreUsed) {
     EXPECT_EQ("(IJI)V", only("ChangeEvent").signature);
 }
 
-TEST_F(EventBridge, UnknownRecordsAreDroppedAndTheTriggerBecomesACallbackEvent) {
-    connect();
-    onAttachedThread([](EventFilter& filter) {
-        WinClientEvent unknown(150, 1, 2);
-        WinClientEvent trigger(EVENT_CALLBACK, 0, 0);
-        filter.callJava(&unknown);
-        filter.callJava(&trigger);
-    });
-    EXPECT_EQ("()V", only("CallbackEvent").signature);
-    EXPECT_EQ(1u, host->calls("filterEvent").size());
-}
-
-TEST_F(EventBridge, CheckRequestsReachTheirJavaMethods) {
-    connect();
-    const std::string driver = "net/tolva/apps/cuebench/client/win/deskwright/DefaultDeskwright";
-    host->onCall(driver, "onContextCheck", "(J)[Ljava/lang/String;",
-                 [this](JNIEnv*, jobject, const std::vector<jnihost::Value>&) {
-                     return jnihost::Value::of(static_cast<jobject>(host->stringArray({L"Text", L"Enabled"})));
-                 });
-    std::vector<std::wstring> labels;
-    onAttachedThread([&labels](EventFilter& filter) {
-        filter.callJavaPrepareRecording(-2);
-        filter.callJavaDefaultCheck(3);
-        filter.callJavaCheckSelect(4, 1);
-        labels = filter.callJavaContextCheck(5);
-    });
-    EXPECT_EQ((std::vector<std::wstring>{L"Text", L"Enabled"}), labels);
-    ASSERT_EQ(1u, host->calls("onPrepareRecording").size());
-    EXPECT_EQ(jlong{-2}, host->calls("onPrepareRecording")[0].args[0].j);
-    ASSERT_EQ(1u, host->calls("onCheckSelect").size());
-    EXPECT_EQ(1, host->calls("onCheckSelect")[0].args[1].i);
-    EXPECT_EQ(1u, host->calls("onDefaultCheck").size());
-}
-
-namespace {
-
-// Makes a Java call of the host throw.
-JavaHost::Handler throwing(JavaHost& host, const char* exceptionClass) {
-    return [&host, exceptionClass](JNIEnv*, jobject, const std::vector<Value>&) {
-        host.raise(exceptionClass, L"thrown by the host");
-        return Value::none();
-    };
-}
-
-struct BrokenHost {
-    const char* name;
-    std::function<void(JavaHost&)> breakIt;
-    std::function<void(EventFilter&)> send;
-    bool laterEventsGetThrough;  // a ChangeEvent sent afterwards reaches filterEvent
-};
-
-void sendMouse(EventFilter& filter) {
-    MouseEvent event(1, 513, 1, 2, 3, 4, 0, 0, 5);
-    filter.callJava(&event);
-}
-
-void sendTrigger(EventFilter& filter) {
-    WinClientEvent event(EVENT_CALLBACK, 0, 0);
-    filter.callJava(&event);
-}
-
-}  // namespace
-
 // Whatever part of the host is missing or throws, the event that needs it is
 // dropped, no exception is left pending and nothing null goes into the VM;
 // the next event still goes up.
 TEST_F(EventBridge, ABrokenHostCostsTheEventAndNothingElse) {
+    const std::string mouse = EVENT + "MouseEvent";
     const BrokenHost rows[] = {
-        {"mouse class missing", [](JavaHost& h) { h.removeClass(EVENT + "MouseEvent"); }, sendMouse, true},
-        {"keyboard class missing", [](JavaHost& h) { h.removeClass(EVENT + "KeyboardEvent"); },
-         [](EventFilter& f) {
-             KeyEvent event(1, 256, 65, 'a', false, false, false, 5);
-             f.callJava(&event);
-         },
-         true},
-        {"automation class missing", [](JavaHost& h) { h.removeClass(EVENT + "UIAutomationEvent"); },
-         [](EventFilter& f) {
-             UIAutomationEvent event(1, 20005, 0, L"text", 5);
-             f.callJava(&event);
-         },
-         true},
-        {"MSAA class missing", [](JavaHost& h) { h.removeClass(EVENT + "MSAAEvent"); },
-         [](EventFilter& f) {
-             MSAAEvent event(32768, 1, 2, 5);
-             f.callJava(&event);
-         },
-         true},
-        {"callback class missing", [](JavaHost& h) { h.removeClass(EVENT + "CallbackEvent"); }, sendTrigger, true},
-        {"connect class missing", [](JavaHost& h) { h.removeClass(EVENT + "WinEvent"); },
-         [](EventFilter& f) { f.onConnect(); }, true},
-        {"stamped constructor missing",
-         [](JavaHost& h) { h.removeMethod(EVENT + "MouseEvent", "<init>", "(IJIIIIIIIJ)V"); }, sendMouse, true},
-        {"callback constructor missing", [](JavaHost& h) { h.removeMethod(EVENT + "CallbackEvent", "<init>", "()V"); },
-         sendTrigger, true},
-        {"constructor throws",
-         [](JavaHost& h) {
-             h.onCall(EVENT + "MouseEvent", "<init>", "(IJIIIIIIIJ)V", throwing(h, "java/lang/IllegalStateException"));
-         },
+        {"mouse class missing", withoutClass("MouseEvent"), sendMouse, true},
+        {"keyboard class missing", withoutClass("KeyboardEvent"),
+         [](EventFilter& f) { KeyEvent e(1, 256, 65, 'a', false, false, false, 5); f.callJava(&e); }, true},
+        {"automation class missing", withoutClass("UIAutomationEvent"),
+         [](EventFilter& f) { UIAutomationEvent e(1, 20005, 0, L"text", 5); f.callJava(&e); }, true},
+        {"MSAA class missing", withoutClass("MSAAEvent"),
+         [](EventFilter& f) { MSAAEvent e(32768, 1, 2, 5); f.callJava(&e); }, true},
+        {"callback class missing", withoutClass("CallbackEvent"), sendTrigger, true},
+        {"connect class missing", withoutClass("WinEvent"), [](EventFilter& f) { f.onConnect(); }, true},
+        {"stamped constructor missing", withoutMethod(mouse, "<init>", "(IJIIIIIIIJ)V"), sendMouse, true},
+        {"callback constructor missing", withoutMethod(EVENT + "CallbackEvent", "<init>", "()V"), sendTrigger, true},
+        {"constructor throws", throwingIn(mouse, "<init>", "(IJIIIIIIIJ)V", "java/lang/IllegalStateException"),
          sendMouse, true},
         {"no class loader",
          [](JavaHost& h) {
@@ -233,32 +222,22 @@ TEST_F(EventBridge, ABrokenHostCostsTheEventAndNothingElse) {
          },
          sendMouse, false},
         {"class loader throws",
-         [](JavaHost& h) {
-             h.onCall("java/lang/ClassLoader", "loadClass", "(Ljava/lang/String;)Ljava/lang/Class;",
-                      throwing(h, "java/lang/SecurityException"));
-         },
+         throwingIn("java/lang/ClassLoader", "loadClass", "(Ljava/lang/String;)Ljava/lang/Class;",
+                    "java/lang/SecurityException"),
          sendTrigger, false},
-        {"getClass throws",
-         [](JavaHost& h) {
-             h.onCall("java/lang/Object", "getClass", "()Ljava/lang/Class;", throwing(h, "java/lang/Error"));
-         },
+        {"getClass throws", throwingIn("java/lang/Object", "getClass", "()Ljava/lang/Class;", "java/lang/Error"),
          sendMouse, false},
-        {"check method missing", [](JavaHost& h) { h.removeMethod(DRIVER, "onDefaultCheck", "(J)V"); },
+        {"check method missing", withoutMethod(DRIVER, "onDefaultCheck", "(J)V"),
          [](EventFilter& f) { f.callJavaDefaultCheck(1); }, true},
-        {"select method missing", [](JavaHost& h) { h.removeMethod(DRIVER, "onCheckSelect", "(JI)V"); },
+        {"select method missing", withoutMethod(DRIVER, "onCheckSelect", "(JI)V"),
          [](EventFilter& f) { f.callJavaCheckSelect(1, 2); }, true},
         {"prepare method throws",
-         [](JavaHost& h) {
-             h.onCall(DRIVER, "onPrepareRecording", "(J)V", throwing(h, "java/lang/IllegalStateException"));
-         },
+         throwingIn(DRIVER, "onPrepareRecording", "(J)V", "java/lang/IllegalStateException"),
          [](EventFilter& f) { f.callJavaPrepareRecording(1); }, true},
-        {"context method missing",
-         [](JavaHost& h) { h.removeMethod(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;"); },
+        {"context method missing", withoutMethod(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;"),
          [](EventFilter& f) { EXPECT_TRUE(f.callJavaContextCheck(1).empty()); }, true},
         {"context method throws",
-         [](JavaHost& h) {
-             h.onCall(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;", throwing(h, "java/lang/RuntimeException"));
-         },
+         throwingIn(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;", "java/lang/RuntimeException"),
          [](EventFilter& f) { EXPECT_TRUE(f.callJavaContextCheck(1).empty()); }, true},
     };
     for (const BrokenHost& row : rows) {
@@ -280,23 +259,6 @@ TEST_F(EventBridge, ABrokenHostCostsTheEventAndNothingElse) {
             ADD_FAILURE() << "left pending: " << uncaught;
         }
     }
-}
-
-TEST_F(EventBridge, ContextLabelsKeepTheirPlacesAndTheirWholeText) {
-    connect();
-    const std::wstring withNul(L"a\0b", 3);
-    host->onCall(DRIVER, "onContextCheck", "(J)[Ljava/lang/String;",
-                 [this, &withNul](JNIEnv* env, jobject, const std::vector<Value>&) {
-                     jobjectArray labels = env->NewObjectArray(4, env->FindClass("java/lang/Object"), nullptr);
-                     env->SetObjectArrayElement(labels, 0, host->str(L"Text"));
-                     env->SetObjectArrayElement(labels, 2, host->callbackObject());  // not a string
-                     env->SetObjectArrayElement(labels, 3, host->str(withNul));
-                     return Value::of(static_cast<jobject>(labels));
-                 });
-    std::vector<std::wstring> labels;
-    onAttachedThread([&labels](EventFilter& filter) { labels = filter.callJavaContextCheck(5); });
-    EXPECT_EQ((std::vector<std::wstring>{L"Text", L"", L"", withNul}), labels);
-    EXPECT_EQ(0u, host->outstandingPins());
 }
 
 // A long recording: the attached thread's local references stay as many after
@@ -341,23 +303,4 @@ TEST_F(EventBridge, LocalReferencesDoNotGrowWithTheEvents) {
     EXPECT_EQ(locals[0], locals.back()) << "the terminate event against the connect";
     EXPECT_EQ(0u, afterwards);
     EXPECT_EQ(globalsBefore - 1, host->globalRefCount()) << "only the callback object's reference went";
-}
-
-// A thread attached after another has detached finds the event classes anew.
-TEST_F(EventBridge, TheNextAttachedThreadStartsWithItsOwnClasses) {
-    connect();
-    onAttachedThread([](EventFilter& filter) {
-        filter.onConnect();
-        sendMouse(filter);
-    });
-    EventFilter::getInstance().setJavaCallbackObject(host->attachCurrentThread(), host->callbackObject());
-    onAttachedThread([](EventFilter& filter) {
-        filter.onConnect();
-        sendMouse(filter);
-        sendTrigger(filter);
-    });
-    EXPECT_EQ((std::vector<std::string>{"WinEvent", "MouseEvent", "WinEvent", "MouseEvent", "CallbackEvent"}),
-              filtered());
-    EXPECT_EQ(2, host->loadClassCount("net.tolva.apps.cuebench.client.win.deskwright.event.MouseEvent"));
-    EXPECT_EQ(0u, host->globalRefCount());
 }

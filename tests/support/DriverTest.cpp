@@ -4,6 +4,15 @@
 
 namespace dwtest {
 
+const char* const INVALID_HANDLE_EXCEPTION = "net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException";
+const std::string EVENT_PACKAGE = "net/tolva/apps/cuebench/client/win/deskwright/event/";
+const char* const DRIVER_CLASS = "net/tolva/apps/cuebench/client/win/deskwright/DefaultDeskwright";
+const char* const FILTER_SIGNATURE = "(Lnet/tolva/apps/cuebench/client/win/deskwright/event/WinEvent;)Z";
+
+std::wstring ownPidArgs() {
+    return L"-pid " + std::to_wstring(GetCurrentProcessId());
+}
+
 bool waitUntil(const std::function<bool()>& condition, unsigned timeoutMs) {
     const ULONGLONG end = GetTickCount64() + timeoutMs;
     while (!condition()) {
@@ -114,6 +123,59 @@ jlong DriverTest::handleOf(fakeuia::Node& node) {
     }
     ADD_FAILURE() << "no handle for a node";
     return 0;
+}
+
+std::string DriverTest::thrown() {
+    auto exception = host->takeException();
+    if (!exception) {
+        return "";
+    }
+    std::string message(exception->message.begin(), exception->message.end());
+    return exception->className == INVALID_HANDLE_EXCEPTION ? message : exception->className + ": " + message;
+}
+
+namespace {
+
+std::string quoted(const std::wstring& text) {
+    std::string shown = "'";
+    for (wchar_t c : text) {
+        shown += c >= 0x20 && c < 0x7F ? std::string(1, static_cast<char>(c)) : "\\u" + std::to_string(c);
+    }
+    return shown + "'";
+}
+
+template <class T>
+std::string joined(const std::vector<T>& values) {
+    std::string text = "[";
+    for (size_t i = 0; i < values.size(); ++i) {
+        text += (i ? "," : "") + std::to_string(values[i]);
+    }
+    return text + "]";
+}
+
+}  // namespace
+
+std::string DriverTest::show(jlongArray array) {
+    return host->isNull(array) ? "null" : joined(host->longs(array));
+}
+
+std::string DriverTest::show(jintArray array) {
+    return host->isNull(array) ? "null" : joined(host->ints(array));
+}
+
+std::string DriverTest::show(jstring text) {
+    return host->isNull(text) ? "null" : quoted(host->text(text));
+}
+
+std::string DriverTest::show(jobjectArray strings) {
+    if (host->isNull(strings)) {
+        return "null";
+    }
+    std::string text = "[";
+    for (const auto& entry : host->strings(strings)) {
+        text += (text.size() > 1 ? "," : "") + (entry ? quoted(*entry) : std::string("null"));
+    }
+    return text + "]";
 }
 
 void DriverTest::setPreference(const std::wstring& key, const std::wstring& value) {

@@ -19,6 +19,14 @@
 
 namespace dwtest {
 
+extern const char* const INVALID_HANDLE_EXCEPTION;
+extern const std::string EVENT_PACKAGE;  // "net/.../deskwright/event/"
+extern const char* const DRIVER_CLASS;
+extern const char* const FILTER_SIGNATURE;
+
+// "-pid <this process>".
+std::wstring ownPidArgs();
+
 class DriverTest : public ::testing::Test {
 protected:
     // Host options must be chosen before SetUp; a test fixture may override.
@@ -49,6 +57,15 @@ protected:
     // of a top-level window, then down through the child lists.
     jlong handleOf(fakeuia::Node& node);
     void setPreference(const std::wstring& key, const std::wstring& value);
+    // Takes the pending exception: its message if it is an
+    // InvalidHandleException, "class: message" if not, "" if none.
+    std::string thrown();
+    // Java results as text, to compare whole: "null", "[1,2]", "'text'",
+    // "['a',null]".
+    std::string show(jlongArray array);
+    std::string show(jintArray array);
+    std::string show(jstring text);
+    std::string show(jobjectArray strings);
 
     std::unique_ptr<jnihost::JavaHost> host;
     std::unique_ptr<fakeuia::Platform> platform;
