@@ -251,8 +251,9 @@ public:
 
     // The platform calls of a hierarchy below an element: the handle check,
     // then for each element its name, its type and its children by the
-    // walker, and for each child its offscreen flag, its runtime id and its
-    // name (the control found under its key takes the fresh name).
+    // walker, and for each child its offscreen flag, its runtime id, its type
+    // (both for its key) and its name (the control found under the key takes
+    // the fresh name).
     std::function<void()> rawHierarchy(IUIAutomationElement* root) {
         return [this, root] {
             rawCheck(root);
@@ -363,6 +364,8 @@ private:
         }
         for (IUIAutomationElement* child : children) {
             rawRuntimeId(child);
+            CONTROLTYPEID childType = 0;
+            child->get_CurrentControlType(&childType);
             rawName(child);
         }
         for (IUIAutomationElement* child : children) {
