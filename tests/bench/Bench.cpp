@@ -471,7 +471,7 @@ int main() {
         calls.push_back(bench.rawHierarchy(roots[t]));
         calls.push_back(bench.hierarchyInHost(entries[t]));
     }
-    const std::vector<double> best = bestOf(rounds, 1, calls);
+    const std::vector<double> best = bestOf(2 * rounds, 1, calls);
     Figure trees[2];
     size_t sizes[2] = {entries[0].size() / 4, entries[1].size() / 4};
     for (int t = 0; t < 2; ++t) {
