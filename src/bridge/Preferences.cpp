@@ -46,21 +46,26 @@ Preferences& Preferences::getInstance() {
     return instance;
 }
 
-std::wstring Preferences::getPreference(const std::wstring& key) {
-    TOLVA_LOG(logger, 9, "key: " << key);
+template <class F>
+auto Preferences::withValue(std::wstring_view key, F use) -> decltype(use(std::wstring_view())) {
+    TOLVA_LOG(logger, 9, "key: " << std::wstring(key));
     {
         std::lock_guard<std::mutex> guard(lock_);
         auto found = store_.find(key);
         if (found != store_.end()) {
-            return found->second;
+            return use(std::wstring_view(found->second));
         }
     }
     for (const Default& entry : defaults) {
         if (key == *entry.key) {
-            return entry.value;
+            return use(std::wstring_view(entry.value));
         }
     }
-    return std::wstring();
+    return use(std::wstring_view());
+}
+
+std::wstring Preferences::getPreference(std::wstring_view key) {
+    return withValue(key, [](std::wstring_view value) { return std::wstring(value); });
 }
 
 void Preferences::setPreference(const std::wstring& key, const std::wstring& value) {
@@ -82,15 +87,15 @@ void Preferences::setPreference(const std::wstring& key, const std::wstring& val
     TOLVA_LOG(logger, 9, "saving new value of pref. store size: " << size);
 }
 
-int Preferences::getInt(const std::wstring& key) {
+int Preferences::getInt(std::wstring_view key) {
     return parseIntOr(getPreference(key), 0);
 }
 
-bool Preferences::getFlag(const std::wstring& key) {
-    return getPreference(key) == L"true";
+bool Preferences::getFlag(std::wstring_view key) {
+    return withValue(key, [](std::wstring_view value) { return value == L"true"; });
 }
 
-std::vector<std::wstring> Preferences::getList(const std::wstring& key) {
+std::vector<std::wstring> Preferences::getList(std::wstring_view key) {
     return splitString(getPreference(key), L',');
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tolva {
@@ -34,19 +35,25 @@ public:
     static Preferences& getInstance();
 
     // The stored value, else the key's default, else the empty string.
-    std::wstring getPreference(const std::wstring& key);
+    std::wstring getPreference(std::wstring_view key);
     // NULL_JAVA_STRING as the value erases the key.
     void setPreference(const std::wstring& key, const std::wstring& value);
 
     // Readers of the three value forms; each reads the store afresh.
-    int getInt(const std::wstring& key);               // parseIntOr(value, 0)
-    bool getFlag(const std::wstring& key);             // exactly "true"
-    std::vector<std::wstring> getList(const std::wstring& key);  // split at ','
+    // They look the key up as it is, with no copy of it or of the value.
+    int getInt(std::wstring_view key);               // parseIntOr(value, 0)
+    bool getFlag(std::wstring_view key);             // exactly "true"
+    std::vector<std::wstring> getList(std::wstring_view key);  // split at ','
 
 private:
     Preferences() = default;
+    // Hands `use` the value as getPreference finds it; the stored one with the
+    // lock held.
+    template <class F>
+    auto withValue(std::wstring_view key, F use) -> decltype(use(std::wstring_view()));
+
     std::mutex lock_;
-    std::map<std::wstring, std::wstring> store_;
+    std::map<std::wstring, std::wstring, std::less<>> store_;
 };
 
 // A leading decimal number of the text ("12ms" is 12), else the fallback.

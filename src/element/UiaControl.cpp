@@ -146,17 +146,16 @@ ComPtr<IUIAutomationElement> UiaControl::getElement() const {
     return ComPtr<IUIAutomationElement>::attach(element_);
 }
 
-void UiaControl::cacheName(std::wstring full) {
-    std::wstring shortened = full.substr(0, SHORT_NAME_LENGTH);
-    if (full.size() > SHORT_NAME_LENGTH) {
-        shortened += L"...";
-    }
+void UiaControl::cacheName(const std::wstring& full) {
     {
         std::lock_guard<std::mutex> guard(lock_);
         if (full.compare(0, SHORT_NAME_LENGTH, name_, 0, SHORT_NAME_LENGTH) == 0) {
             return;
         }
-        name_ = shortened;
+        name_.assign(full, 0, SHORT_NAME_LENGTH);
+        if (full.size() > SHORT_NAME_LENGTH) {
+            name_ += L"...";
+        }
     }
     TOLVA_LOG(logger, 9, "new name: " << *this);
 }
@@ -251,7 +250,10 @@ std::wstring UiaControl::buildKey(IUIAutomationElement* element, std::wstring& t
         id += L"_" + UiaHelper::GetControlName(element);
     }
     found = true;
-    return type + L"_" + id;
+    std::wstring key;
+    key.reserve(type.size() + 1 + id.size());
+    key.append(type).append(1, L'_').append(id);
+    return key;
 }
 
 UiaControl* UiaControl::getControl(IUIAutomationElement* element, std::wstring type, UiaControl* parent) {

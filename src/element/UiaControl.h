@@ -76,7 +76,7 @@ public:
     static std::size_t size();
 
     void setElement(IUIAutomationElement* element);  // takes its own reference
-    void cacheName(std::wstring name);
+    void cacheName(const std::wstring& name);
     std::wstring shortName() const;
 
     // Attributes by name. getAttribute gives a new string that the caller

@@ -119,6 +119,7 @@ Array<Handle> Uia::getChildren(Handle handle) {
     UiaControl* control = UiaControl::fromHandle(handle);
     UiaHelper::ElementList children = control->getChildren();
     UiaHelper::ElementList kept;
+    kept.reserve(children.size());
     for (IUIAutomationElement* child : children) {
         if (omitted(child)) {
             child->Release();

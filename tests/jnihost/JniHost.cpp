@@ -3,6 +3,7 @@
 #include "JniHostImpl.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -482,6 +483,15 @@ void Impl::killFrame(Frame& f, const std::string& why) {
 
 // --- threads ----------------------------------------------------------------------------
 
+// A number of the calling thread that no other thread of the process has had
+// or will have, unlike its id.
+static std::uint64_t threadIdentity() {
+  static std::atomic<std::uint64_t> last{0};
+  thread_local std::uint64_t identity = ++last;
+  return identity;
+}
+
+
 ThreadState* Impl::attach(DWORD tid, const std::string& name, bool daemon, bool javaThread) {
   auto ts = std::make_unique<ThreadState>();
   ts->block.env.functions = envFunctions();
@@ -492,6 +502,7 @@ ThreadState* Impl::attach(DWORD tid, const std::string& name, bool daemon, bool 
   ts->daemon = daemon;
   ts->javaThread = javaThread;
   ts->frames.emplace_back();
+  ts->identity = threadIdentity();
   DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &ts->handle,
                   SYNCHRONIZE | THREAD_QUERY_LIMITED_INFORMATION, FALSE, 0);
   ThreadState* raw = ts.get();
@@ -539,8 +550,11 @@ void Impl::reap() {
 }
 
 ThreadState* Impl::current() {
-  reap();
   auto it = attached.find(GetCurrentThreadId());
+  if (it == attached.end()) return nullptr;
+  if (it->second->identity == threadIdentity()) return it->second;
+  reap();  // the state of an ended thread whose id the caller now has
+  it = attached.find(GetCurrentThreadId());
   return it == attached.end() ? nullptr : it->second;
 }
 

@@ -132,6 +132,7 @@ struct ThreadState {
   EnvBlock block;
   DWORD tid = 0;
   HANDLE handle = nullptr;  // to see whether the thread has ended
+  std::uint64_t identity = 0;  // threadIdentity() of the thread, which no later thread shares
   std::string name;
   bool daemon = false;
   bool javaThread = false;  // attached by the test (runs "Java" code)
@@ -231,7 +232,11 @@ struct Impl {
   // --- threads (lock held) ---
   ThreadState* attach(DWORD tid, const std::string& name, bool daemon, bool javaThread);
   void detach(ThreadState* ts, const std::string& why);
-  ThreadState* current();  // the calling thread's state, when attached
+  // The calling thread's state, when attached. Looks for ended threads only
+  // when the state under the calling thread's id isn't its own (the id was
+  // reused): asking the system whether a thread has ended is a round trip,
+  // too slow for every JNI call.
+  ThreadState* current();
   void reap();              // ends the states of threads that ended attached
 
   // --- values (lock held) ---

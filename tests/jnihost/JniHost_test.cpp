@@ -2,6 +2,8 @@
 // catches the misuse it claims to catch.
 #include "JniHost.h"
 
+#include "ImportPatch.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -117,6 +119,43 @@ TEST(JniHost, EachThreadHasItsOwnEnvAndDetachEndsIt) {
   EXPECT_TRUE(mentions(host.violations(), "after that thread detached"));
   mine->GetStringLength(static_cast<jstring>(local));
   EXPECT_TRUE(mentions(host.violations(), "freed when thread"));
+}
+
+// Waits the calling code makes on handles, through the test program's imports.
+static std::atomic<int> handleWaits{0};
+static DWORD WINAPI countedWait(HANDLE handle, DWORD milliseconds) {
+  ++handleWaits;
+  return WaitForMultipleObjects(1, &handle, FALSE, milliseconds);
+}
+
+// A JNI call finds its thread without asking the system about the other
+// attached threads: under Wine every such question is a round trip, which
+// would make the host, not the driver, the cost of a native call.
+TEST(JniHost, CallsDoNotWaitOnOtherThreads) {
+  JavaHost host;
+  JNIEnv* env = host.attachCurrentThread();
+  std::atomic<bool> attached{false};
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    JNIEnv* theirs = nullptr;
+    host.vm()->AttachCurrentThread(reinterpret_cast<void**>(&theirs), nullptr);
+    attached = true;
+    while (!stop) Sleep(1);
+    host.vm()->DetachCurrentThread();
+  });
+  while (!attached) Sleep(1);
+  {
+    dwtest::ImportPatch patch(GetModuleHandleW(nullptr), "WaitForSingleObject", reinterpret_cast<void*>(&countedWait));
+    ASSERT_TRUE(patch.applied());
+    handleWaits = 0;
+    for (int i = 0; i < 10; ++i) {
+      host.nativeCall([&] { return env->FindClass("java/lang/String"); });
+    }
+    EXPECT_EQ(handleWaits, 0);
+  }
+  stop = true;
+  other.join();
+  EXPECT_TRUE(host.violations().empty());
 }
 
 TEST(JniHost, DllThreadEndingAttachedIsViolation) {
