@@ -4,10 +4,10 @@
 // handle throws.
 #include <net_tolva_apps_cuebench_client_win_deskwright_DefaultDeskwright.h>
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 #include "bridge/Marshal.h"
-#include "bridge/NullMarkers.h"
-#include "bridge/Preferences.h"
+#include "common/NullMarkers.h"
+#include "common/Preferences.h"
 #include "classic/ShmComm.h"
 #include "element/UiaControl.h"
 #include "engine/ProcessManager.h"

@@ -12,7 +12,7 @@
 // of the same widget, which swaps the element, can't pull it away.
 #pragma once
 
-#include "bridge/Array.h"
+#include "common/Array.h"
 #include "uiahelper/Common.h"
 
 #include <uiautomation.h>

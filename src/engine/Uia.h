@@ -2,8 +2,8 @@
 // target, and the operations that the natives call.
 #pragma once
 
-#include "bridge/Array.h"
-#include "bridge/Handles.h"
+#include "common/Array.h"
+#include "common/Handle.h"
 
 #include <uiautomation.h>
 #include <windows.h>
@@ -17,9 +17,6 @@ namespace tolva {
 // Top-level windows that were there before the target started; the title
 // finder prefers a window that isn't among them.
 extern std::vector<HWND> existingWindows;
-
-// Thread id of the process overlay's thread, 0 while none runs.
-extern DWORD overlayThreadId;
 
 using NameList = Array<const wchar_t*>;
 

@@ -2,34 +2,24 @@
 // the control's element on to the element helpers, with a log line. The
 // natives have checked the handle just before, so the control is taken as it
 // stands. Most run on the calling Java thread; highlighting and check mode go
-// to the dispatch thread, and recording mode has a thread of its own.
+// to the dispatch thread, and recording mode starts the overlay's thread.
 #include "engine/Uia.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 #include "element/UiaControl.h"
-#include "engine/Runnable.h"
-#include "engine/UiaEventQueue.h"
+#include "dispatch/Runnable.h"
+#include "dispatch/UiaEventQueue.h"
 #include "overlay/Highlighter.h"
 #include "overlay/ProcessOverlay.h"
 #include "overlay/UiaChecker.h"
 #include "uiahelper/Input.h"
 #include "uiahelper/UiaHelper.h"
 
-#include <process.h>
-
-#include <cerrno>
-
 namespace tolva {
 
 namespace {
 
 Logger& logger = Log::getLogger("tolva.Uia");
-
-const unsigned OVERLAY_STACK_SIZE = 0x10000;
-// A thread that has only just started may have no message queue yet, and a
-// message posted to it then is refused: the quit is tried a few times.
-const int QUIT_ATTEMPTS = 20;
-const DWORD QUIT_RETRY_MS = 10;
 
 // The control's current element, with a reference of the caller's own for
 // the length of the call it is passed to.
@@ -106,34 +96,6 @@ int toggleModeOf(int javaMode) {
     }
 }
 
-// The process overlay's thread: the overlay's windows live and die here.
-unsigned __stdcall overlayThreadProc(void* param) {
-    const auto pid = static_cast<DWORD>(static_cast<Uia*>(param)->pid);
-    MSG message;
-    PeekMessageW(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);  // makes the message queue now
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    {
-        ProcessOverlay overlay(pid);
-        while (GetMessageW(&message, nullptr, 0, 0) > 0) {
-            TranslateMessage(&message);
-            DispatchMessageW(&message);
-        }
-        // The overlay goes after the apartment, as it came after it.
-        CoUninitialize();
-    }
-    return 0;
-}
-
-void postQuit(DWORD threadId) {
-    for (int attempt = 0; attempt < QUIT_ATTEMPTS; ++attempt) {
-        if (PostThreadMessageW(threadId, WM_QUIT, 0, 0)) {
-            return;
-        }
-        Sleep(QUIT_RETRY_MS);
-    }
-    TOLVA_LOG(logger, 3, "The overlay thread takes no messages: " << GetLastError());
-}
-
 }  // namespace
 
 // --- the dispatch thread and recording mode --------------------------------------------
@@ -156,21 +118,14 @@ void Uia::enableCheckMode(bool enable, std::int32_t mode) {
 void Uia::enableRecordingMode(bool enable, std::int32_t mode) {
     TOLVA_LOG(logger, 7, "enable: " << enable << ", mode: " << mode);
     if (enable && overlayThreadId == 0) {
-        auto thread = reinterpret_cast<HANDLE>(
-            _beginthreadex(nullptr, OVERLAY_STACK_SIZE, &overlayThreadProc, this, 0, nullptr));
-        if (!thread) {
-            TOLVA_LOG(logger, 1, "Overlay thread not started: " << errno);
-            return;
+        if (startOverlayThread(static_cast<DWORD>(pid))) {
+            recording = true;
         }
-        overlayThreadId = GetThreadId(thread);
-        CloseHandle(thread);
-        recording = true;
         return;
     }
     // Not a test of enable: a second start stops the overlay.
     if (overlayThreadId != 0) {
-        postQuit(overlayThreadId);
-        overlayThreadId = 0;
+        stopOverlayThread();
         recording = false;
     }
 }

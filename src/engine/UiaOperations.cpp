@@ -3,12 +3,12 @@
 // results, relatives, searches and top-level windows.
 #include "engine/Uia.h"
 
-#include "bridge/Logging.h"
-#include "bridge/NullMarkers.h"
+#include "common/Logging.h"
+#include "common/NullMarkers.h"
 #include "element/UiaControl.h"
 #include "engine/EngineRunnables.h"
-#include "engine/UiaEventQueue.h"
-#include "bridge/Preferences.h"
+#include "dispatch/UiaEventQueue.h"
+#include "common/Preferences.h"
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/UiaHelper.h"
 

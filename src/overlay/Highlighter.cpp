@@ -1,7 +1,7 @@
 // The highlight frame and the runner that Java's Highlight reaches.
 #include "overlay/Highlighter.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 #include "element/UiaControl.h"
 #include "uiahelper/UiaHelper.h"
 

@@ -4,7 +4,7 @@
 
 #include "FakeUiaPatterns.h"
 
-#include "bridge/Preferences.h"
+#include "common/Preferences.h"
 #include "uiahelper/UiaHelper.h"
 
 #include <limits>
