@@ -5,13 +5,11 @@
 // back to Java as a negative long.
 #pragma once
 
+#include "common/Handle.h"
+
 #include <jni.h>
 
-#include <cstdint>
-
 namespace tolva {
-
-using Handle = std::intptr_t;
 
 inline Handle handleFromJava(jlong value) {
     return static_cast<Handle>(value);  // keeps the low word in a 32-bit build

@@ -1,7 +1,7 @@
 // Values between Java and native code: pinned strings, name lists, results.
 #pragma once
 
-#include "bridge/Array.h"
+#include "common/Array.h"
 #include "bridge/Handles.h"
 
 #include <jni.h>

@@ -1,19 +1,22 @@
 // The natives of DefaultDeskwright. Each routes by the back-end flag, in one
-// shape: default result and pinned arguments first, the handle check of the
-// automation branch, the branch itself, then the pins are released. Only a bad
-// handle throws.
+// shape (route, routeChecked): default result and pinned arguments first, the
+// handle check of the automation branch, the branch itself, then the pins are
+// released. Only a bad handle throws.
 #include <net_tolva_apps_cuebench_client_win_deskwright_DefaultDeskwright.h>
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 #include "bridge/Marshal.h"
-#include "bridge/NullMarkers.h"
-#include "bridge/Preferences.h"
+#include "common/NullMarkers.h"
+#include "common/Preferences.h"
 #include "classic/ShmComm.h"
 #include "element/UiaControl.h"
 #include "engine/ProcessManager.h"
 #include "engine/Uia.h"
 #include "events/EventFilter.h"
 #include "uiahelper/UiaHelper.h"
+
+#include <array>
+#include <type_traits>
 
 #define NATIVE(name) Java_net_tolva_apps_cuebench_client_win_deskwright_DefaultDeskwright_##name
 
@@ -29,9 +32,18 @@ volatile bool useUia = false;
 
 const char* const INVALID_HANDLE_EXCEPTION = "net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException";
 
-#define NOT_IMPLEMENTED() TOLVA_LOG(logger, 3, "Not implemented")
-#define NOT_YET_IMPLEMENTED() TOLVA_LOG(logger, 3, "Not yet implemented")
-#define NOT_MAYBE_IMPLEMENTED() TOLVA_LOG(logger, 3, "Not (yet?) implemented")
+// The log word of a back end that lacks a native, logged at level 3 under
+// the native's own name.
+struct Missing {
+    const char* word;
+};
+const Missing NOT_IMPLEMENTED{"Not implemented"};
+const Missing NOT_YET_IMPLEMENTED{"Not yet implemented"};
+const Missing NOT_MAYBE_IMPLEMENTED{"Not (yet?) implemented"};
+
+void logMissing(const char* native, const Missing& missing) {
+    TOLVA_LOG_AS(logger, 3, native, missing.word);
+}
 
 }  // namespace
 
@@ -56,6 +68,74 @@ static ControlRef Uia_CheckHandle(JNIEnv* env, jlong handle) {
     }
     return use;
 }
+
+// --- routing ---------------------------------------------------------------------
+// Every routed native has one shape: its default result (and its pinned
+// arguments) first; then, by the back-end flag, either the automation branch
+// or the classic one; then the result. A classic branch is a call of the
+// classic back end, or the log word of a native it lacks.
+
+namespace {
+
+template <class Classic>
+void classicBranch(const char* native, Classic& classic) {
+    if constexpr (std::is_same_v<std::decay_t<Classic>, Missing>) {
+        logMissing(native, classic);
+    } else {
+        classic();
+    }
+}
+
+// A classic branch that stores what it gives in the result.
+template <class Result, class Classic>
+auto storingIn(Result& result, Classic& classic) {
+    if constexpr (std::is_same_v<std::decay_t<Classic>, Missing>) {
+        return classic;
+    } else {
+        return [&result, &classic] { result = classic(); };
+    }
+}
+
+// A native that names an element. In the automation back end the handle is
+// checked first (Uia_CheckHandle), and only the handle of a living control
+// goes on: `automation` gets the back end and the control, whose use is held
+// until it returns. No other way leads from a handle to a control.
+template <class Automation, class Classic>
+void routeChecked(const char* native, JNIEnv* env, jlong handle, Automation&& automation, Classic&& classic) {
+    if (!useUia) {
+        classicBranch(native, classic);
+    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
+        automation(Uia::getInstance(), *use);
+    }
+}
+
+// The same with a result, which keeps its default unless a branch gives one.
+template <class Result, class Automation, class Classic>
+Result routeChecked(const char* native, JNIEnv* env, jlong handle, Result result, Automation&& automation,
+                    Classic&& classic) {
+    routeChecked(
+        native, env, handle, [&](Uia& uia, UiaControl& control) { result = automation(uia, control); },
+        storingIn(result, classic));
+    return result;
+}
+
+// A native that names no element: the automation back end gets the call as it is.
+template <class Automation, class Classic>
+void route(const char* native, Automation&& automation, Classic&& classic) {
+    if (useUia) {
+        automation(Uia::getInstance());
+    } else {
+        classicBranch(native, classic);
+    }
+}
+
+template <class Result, class Automation, class Classic>
+Result route(const char* native, Result result, Automation&& automation, Classic&& classic) {
+    route(native, [&](Uia& uia) { result = automation(uia); }, storingIn(result, classic));
+    return result;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -121,11 +201,7 @@ JNIEXPORT jboolean JNICALL NATIVE(IsConnected)(JNIEnv*, jobject) {
 }
 
 JNIEXPORT void JNICALL NATIVE(TriggerThread)(JNIEnv*, jobject) {
-    if (useUia) {
-        Uia::getInstance().triggerThread();
-    } else {
-        ShmComm::getInstance().triggerThread();
-    }
+    route(__func__, [](Uia& uia) { uia.triggerThread(); }, [] { ShmComm::getInstance().triggerThread(); });
 }
 
 JNIEXPORT void JNICALL NATIVE(Terminate)(JNIEnv*, jobject) {
@@ -158,164 +234,136 @@ JNIEXPORT jstring JNICALL NATIVE(GetPreference)(JNIEnv* env, jobject, jstring ke
 // --- element queries ------------------------------------------------------------
 
 JNIEXPORT jlongArray JNICALL NATIVE(GetChildren)(JNIEnv* env, jobject, jlong handle) {
-    Array<Handle> children;
-    if (useUia) {
-        if (ControlRef use = Uia_CheckHandle(env, handle)) {
-            children = Uia::getInstance().getChildren(handleFromJava(handle));
-        }
-    } else {
-        children = ShmComm::getInstance().getChildren(handleFromJava(handle));
-    }
+    Array<Handle> children = routeChecked(
+        __func__, env, handle, Array<Handle>(),
+        [](Uia& uia, UiaControl& control) { return uia.getChildren(control); },
+        [&] { return ShmComm::getInstance().getChildren(handleFromJava(handle)); });
     return toJavaHandles(env, children);
 }
 
 JNIEXPORT jobjectArray JNICALL NATIVE(GetChildrenWithAttributes)(JNIEnv* env, jobject, jlong handle,
                                                                   jobjectArray names) {
-    jobjectArray result = nullptr;
     PinnedNames pinned(env, names);
-    if (!useUia) {
-        NOT_MAYBE_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Array<std::wstring> flat = Uia::getInstance().getChildrenWithAttributes(handleFromJava(handle), pinned.list());
-        result = toJavaAttributes(env, flat.begin(), flat.size());
-    }
-    return result;
+    return routeChecked(
+        __func__, env, handle, jobjectArray(nullptr),
+        [&](Uia& uia, UiaControl& control) {
+            Array<std::wstring> flat = uia.getChildrenWithAttributes(control, pinned.list());
+            return toJavaAttributes(env, flat.begin(), flat.size());
+        },
+        NOT_MAYBE_IMPLEMENTED);
 }
 
 JNIEXPORT jobjectArray JNICALL NATIVE(GetHierarchyWithAttributes)(JNIEnv* env, jobject, jlong handle,
                                                                    jobjectArray names, jlongArray excluded) {
     TOLVA_LOG(logger, 7, "handle: " << handle);
-    jobjectArray result = nullptr;
     PinnedNames pinned(env, names);
     Array<Handle> excludedHandles = fromJavaHandles(env, excluded);
-    if (!useUia) {
-        NOT_MAYBE_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        std::vector<std::wstring> flat;
-        Uia::getInstance().getHierarchyWithAttributes(handleFromJava(handle), pinned.list(), excludedHandles, flat, 0);
-        TOLVA_LOG(logger, 9, "Got " << flat.size() << " elements");
-        result = toJavaAttributes(env, flat.data(), flat.size());
-    }
-    return result;
+    return routeChecked(
+        __func__, env, handle, jobjectArray(nullptr),
+        [&, native = __func__](Uia& uia, UiaControl& control) {
+            std::vector<std::wstring> flat;
+            uia.getHierarchyWithAttributes(control, pinned.list(), excludedHandles, flat, 0);
+            TOLVA_LOG_AS(logger, 9, native, "Got " << flat.size() << " elements");
+            return toJavaAttributes(env, flat.data(), flat.size());
+        },
+        NOT_MAYBE_IMPLEMENTED);
 }
 
 JNIEXPORT jlong JNICALL NATIVE(GetParent)(JNIEnv* env, jobject, jlong handle) {
-    Handle parent = 0;
-    if (useUia) {
-        if (ControlRef use = Uia_CheckHandle(env, handle)) {
-            parent = Uia::getInstance().getParent(handleFromJava(handle));
-        }
-    } else {
-        parent = ShmComm::getInstance().getParent(handleFromJava(handle));
-    }
+    const Handle parent = routeChecked(
+        __func__, env, handle, Handle(0), [](Uia& uia, UiaControl& control) { return uia.getParent(control); },
+        [&] { return ShmComm::getInstance().getParent(handleFromJava(handle)); });
     return handleToJava(parent);
 }
 
 JNIEXPORT jlong JNICALL NATIVE(GetNativeHandle)(JNIEnv* env, jobject, jlong handle) {
-    jlong result = 0;
-    if (useUia) {
-        if (ControlRef use = Uia_CheckHandle(env, handle)) {
+    return routeChecked(
+        __func__, env, handle, jlong(0),
+        [](Uia&, UiaControl& control) {
             UIA_HWND hwnd = nullptr;
-            use->getElement()->get_CurrentNativeWindowHandle(&hwnd);
-            result = handleToJava(reinterpret_cast<Handle>(hwnd));
-        }
-    } else {
-        result = handleToJava(ShmComm::getInstance().getNativeHandle(handleFromJava(handle)));
-    }
-    return result;
+            control.getElement()->get_CurrentNativeWindowHandle(&hwnd);
+            return handleToJava(reinterpret_cast<Handle>(hwnd));
+        },
+        [&] { return handleToJava(ShmComm::getInstance().getNativeHandle(handleFromJava(handle))); });
 }
 
 JNIEXPORT jstring JNICALL NATIVE(GetClassName)(JNIEnv* env, jobject, jlong handle) {
-    std::wstring name;
-    if (useUia) {
-        if (ControlRef use = Uia_CheckHandle(env, handle)) {
-            name = use->getClassName();
-        }
-    } else {
-        name = ShmComm::getInstance().getClassName(handleFromJava(handle));
-    }
+    const std::wstring name = routeChecked(
+        __func__, env, handle, std::wstring(), [](Uia&, UiaControl& control) { return control.getClassName(); },
+        [&] { return ShmComm::getInstance().getClassName(handleFromJava(handle)); });
     return toJavaString(env, name);
 }
 
 JNIEXPORT jobjectArray JNICALL NATIVE(GetClassNames)(JNIEnv* env, jobject, jlong handle) {
-    Array<std::wstring> names;
-    if (useUia) {
-        if (ControlRef use = Uia_CheckHandle(env, handle)) {
-            names = use->getClassNames();
-        }
-    } else {
-        names = ShmComm::getInstance().getClassNames(handleFromJava(handle));
-    }
+    Array<std::wstring> names = routeChecked(
+        __func__, env, handle, Array<std::wstring>(),
+        [](Uia&, UiaControl& control) { return control.getClassNames(); },
+        [&] { return ShmComm::getInstance().getClassNames(handleFromJava(handle)); });
     return toJavaStrings(env, names);
 }
 
 JNIEXPORT jintArray JNICALL NATIVE(GetBounds)(JNIEnv* env, jobject, jlong handle) {
-    jint bounds[4] = {0, 0, 0, 0};
-    if (useUia) {
-        if (ControlRef use = Uia_CheckHandle(env, handle)) {
-            const RECT rect = use->getBounds();
-            bounds[0] = rect.left;
-            bounds[1] = rect.top;
-            bounds[2] = rect.right - rect.left;
-            bounds[3] = rect.bottom - rect.top;
-        }
-    } else {
-        int classic[4] = {0, 0, 0, 0};
-        ShmComm::getInstance().getBounds(handleFromJava(handle), classic);
-        for (int i = 0; i < 4; ++i) {
-            bounds[i] = classic[i];
-        }
-    }
+    using Bounds = std::array<jint, 4>;
+    const Bounds bounds = routeChecked(
+        __func__, env, handle, Bounds{0, 0, 0, 0},
+        [](Uia&, UiaControl& control) {
+            const RECT rect = control.getBounds();
+            return Bounds{rect.left, rect.top, rect.right - rect.left, rect.bottom - rect.top};
+        },
+        [&] {
+            int classic[4] = {0, 0, 0, 0};
+            ShmComm::getInstance().getBounds(handleFromJava(handle), classic);
+            return Bounds{classic[0], classic[1], classic[2], classic[3]};
+        });
     jintArray result = env->NewIntArray(4);
-    env->SetIntArrayRegion(result, 0, 4, bounds);
+    env->SetIntArrayRegion(result, 0, 4, bounds.data());
     return result;
 }
 
 JNIEXPORT jstring JNICALL NATIVE(GetAttribute)(JNIEnv* env, jobject, jlong handle, jstring name) {
-    jstring result = nullptr;
     PinnedString pinned(env, name);
-    if (!useUia) {
-        NOT_MAYBE_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        wchar_t* value = use->getAttribute(pinned.str());
-        if (value) {
-            result = toJavaString(env, value);
-            delete[] value;
-        }
-    }
-    return result;
+    return routeChecked(
+        __func__, env, handle, jstring(nullptr),
+        [&](Uia&, UiaControl& control) {
+            jstring result = nullptr;
+            wchar_t* value = control.getAttribute(pinned.str());
+            if (value) {
+                result = toJavaString(env, value);
+                delete[] value;
+            }
+            return result;
+        },
+        NOT_MAYBE_IMPLEMENTED);
 }
 
 JNIEXPORT jobjectArray JNICALL NATIVE(GetAttributes)(JNIEnv* env, jobject, jlong handle, jobjectArray names) {
-    jobjectArray result = nullptr;
     PinnedNames pinned(env, names);
-    if (!useUia) {
-        NOT_MAYBE_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Array<std::wstring> flat = Uia::getInstance().getAttributes(handleFromJava(handle), pinned.list());
-        result = toJavaAttributes(env, flat.begin(), flat.size());
-    }
-    return result;
+    return routeChecked(
+        __func__, env, handle, jobjectArray(nullptr),
+        [&](Uia& uia, UiaControl& control) {
+            Array<std::wstring> flat = uia.getAttributes(control, pinned.list());
+            return toJavaAttributes(env, flat.begin(), flat.size());
+        },
+        NOT_MAYBE_IMPLEMENTED);
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(SetAttribute)(JNIEnv* env, jobject, jlong handle, jstring name, jstring value) {
-    jboolean result = JNI_FALSE;
     PinnedString pinnedName(env, name);
     PinnedString pinnedValue(env, value);
-    if (!useUia) {
-        NOT_MAYBE_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        // Null is neither a name nor a value to write.
-        if (!pinnedName.isNull() && !pinnedValue.isNull()) {
-            result = use->setAttribute(pinnedName.str(), pinnedValue.str()) ? JNI_TRUE : JNI_FALSE;
-        }
-    }
-    return result;
+    const bool written = routeChecked(
+        __func__, env, handle, false,
+        [&](Uia&, UiaControl& control) {
+            // Null is neither a name nor a value to write.
+            return !pinnedName.isNull() && !pinnedValue.isNull() &&
+                   control.setAttribute(pinnedName.str(), pinnedValue.str());
+        },
+        NOT_MAYBE_IMPLEMENTED);
+    return written ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT jstring JNICALL NATIVE(EvalJS)(JNIEnv* env, jobject, jlong handle, jstring script) {
     if (useUia) {
-        NOT_MAYBE_IMPLEMENTED();
+        logMissing(__func__, NOT_MAYBE_IMPLEMENTED);
         return nullptr;
     }
     if (!script) {
@@ -331,244 +379,179 @@ JNIEXPORT jstring JNICALL NATIVE(EvalJS)(JNIEnv* env, jobject, jlong handle, jst
 
 JNIEXPORT jlongArray JNICALL NATIVE(GetToplevels)(JNIEnv* env, jobject) {
     TOLVA_LOG(logger, 7, "");
-    Array<Handle> toplevels = useUia ? Uia::getInstance().getToplevels() : ShmComm::getInstance().getToplevels();
+    Array<Handle> toplevels = route(
+        __func__, Array<Handle>(), [](Uia& uia) { return uia.getToplevels(); },
+        [] { return ShmComm::getInstance().getToplevels(); });
     TOLVA_LOG(logger, 9, "count: " << toplevels.size());
     return toJavaHandles(env, toplevels);
 }
 
 JNIEXPORT jlongArray JNICALL NATIVE(GetElementsByProperty)(JNIEnv* env, jobject, jlong handle, jstring name,
                                                             jstring value) {
-    jlongArray result = nullptr;
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        PinnedString pinnedName(env, name);
-        PinnedString pinnedValue(env, value);
-        Array<Handle> found;  // a search for null finds nothing
-        if (!pinnedName.isNull() && !pinnedValue.isNull()) {
-            found = Uia::getInstance().getElementsByProperty(handleFromJava(handle), pinnedName.str(),
-                                                             pinnedValue.str());
-        }
-        TOLVA_LOG(logger, 9, "count: " << found.size());
-        result = toJavaHandles(env, found);
-    }
-    return result;
+    return routeChecked(
+        __func__, env, handle, jlongArray(nullptr),
+        [&, native = __func__](Uia& uia, UiaControl& control) {
+            PinnedString pinnedName(env, name);
+            PinnedString pinnedValue(env, value);
+            Array<Handle> found;  // a search for null finds nothing
+            if (!pinnedName.isNull() && !pinnedValue.isNull()) {
+                found = uia.getElementsByProperty(control, pinnedName.str(), pinnedValue.str());
+            }
+            TOLVA_LOG_AS(logger, 9, native, "count: " << found.size());
+            return toJavaHandles(env, found);
+        },
+        NOT_IMPLEMENTED);
 }
 
 JNIEXPORT jlongArray JNICALL NATIVE(FindAllWindows)(JNIEnv* env, jobject, jlong handle) {
-    jlongArray result = nullptr;
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Array<Handle> found = Uia::getInstance().findAllWindows(handleFromJava(handle));
-        TOLVA_LOG(logger, 9, "count: " << found.size());
-        result = toJavaHandles(env, found);
-    }
-    return result;
+    return routeChecked(
+        __func__, env, handle, jlongArray(nullptr),
+        [&, native = __func__](Uia& uia, UiaControl& control) {
+            Array<Handle> found = uia.findAllWindows(control);
+            TOLVA_LOG_AS(logger, 9, native, "count: " << found.size());
+            return toJavaHandles(env, found);
+        },
+        NOT_IMPLEMENTED);
 }
 
 JNIEXPORT jlong JNICALL NATIVE(GetElementFromPoint)(JNIEnv*, jobject, jint x, jint y) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return 0;
-    }
-    return handleToJava(Uia::getInstance().getElementFromPoint(x, y));
+    return handleToJava(route(
+        __func__, Handle(0), [&](Uia& uia) { return uia.getElementFromPoint(x, y); }, NOT_IMPLEMENTED));
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(IsUia8)(JNIEnv*, jobject) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return JNI_FALSE;
-    }
-    return Uia::getInstance().isUia8() ? JNI_TRUE : JNI_FALSE;
+    return route(__func__, false, [](Uia& uia) { return uia.isUia8(); }, NOT_IMPLEMENTED) ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(SetTimeouts)(JNIEnv*, jobject, jint connectionTimeout, jint transactionTimeout) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return JNI_FALSE;
-    }
-    return Uia::getInstance().setTimeouts(connectionTimeout, transactionTimeout) ? JNI_TRUE : JNI_FALSE;
+    const bool set = route(
+        __func__, false, [&](Uia& uia) { return uia.setTimeouts(connectionTimeout, transactionTimeout); },
+        NOT_IMPLEMENTED);
+    return set ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT void JNICALL NATIVE(ReleaseControls)(JNIEnv*, jobject) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return;
-    }
-    UiaControl::removeControls();
+    route(__func__, [](Uia&) { UiaControl::removeControls(); }, NOT_IMPLEMENTED);
 }
 
 JNIEXPORT jdouble JNICALL NATIVE(GetScreenScaleFactor)(JNIEnv*, jobject) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return 1.0;
-    }
-    return UiaHelper::GetScalingFactor();
+    return route(__func__, 1.0, [](Uia&) { return UiaHelper::GetScalingFactor(); }, NOT_IMPLEMENTED);
 }
 
 // --- modes --------------------------------------------------------------------------
 
 JNIEXPORT void JNICALL NATIVE(EnableEventListeners)(JNIEnv*, jobject, jint mode) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return;
-    }
-    Uia::getInstance().enableEventListeners(mode);
+    route(__func__, [&](Uia& uia) { uia.enableEventListeners(mode); }, NOT_IMPLEMENTED);
 }
 
 JNIEXPORT void JNICALL NATIVE(EnableCheckMode)(JNIEnv*, jobject, jboolean enable, jint mode) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return;
-    }
-    Uia::getInstance().enableCheckMode(enable != 0, mode);
+    route(__func__, [&](Uia& uia) { uia.enableCheckMode(enable != 0, mode); }, NOT_IMPLEMENTED);
 }
 
 JNIEXPORT void JNICALL NATIVE(EnableRecordingMode)(JNIEnv*, jobject, jboolean enable, jint mode) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-        return;
-    }
-    Uia::getInstance().enableRecordingMode(enable != 0, mode);
+    route(__func__, [&](Uia& uia) { uia.enableRecordingMode(enable != 0, mode); }, NOT_IMPLEMENTED);
 }
 
 // --- actions ---------------------------------------------------------------------------
 
 JNIEXPORT void JNICALL NATIVE(Highlight)(JNIEnv* env, jobject, jlong handle, jint duration, jint color) {
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().highlight(handleFromJava(handle), duration, color);
-    }
+    routeChecked(
+        __func__, env, handle, [&](Uia& uia, UiaControl& control) { uia.highlight(control, duration, color); },
+        NOT_YET_IMPLEMENTED);
 }
 
 JNIEXPORT void JNICALL NATIVE(SimulateMouseEvent)(JNIEnv* env, jobject, jlong handle, jint id, jint button, jint x,
                                                    jint y, jint modifiers, jint count) {
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().simulateMouseEvent(handleFromJava(handle), id, button, x, y, modifiers, count);
-    }
+    routeChecked(
+        __func__, env, handle,
+        [&](Uia& uia, UiaControl& control) { uia.simulateMouseEvent(control, id, button, x, y, modifiers, count); },
+        NOT_YET_IMPLEMENTED);
 }
 
 JNIEXPORT void JNICALL NATIVE(SimulateKeyStroke)(JNIEnv* env, jobject, jlong handle, jchar c, jint keyCode,
                                                   jint modifiers) {
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().simulateKeyStroke(handleFromJava(handle), static_cast<wchar_t>(c), keyCode, modifiers);
-    }
+    routeChecked(
+        __func__, env, handle,
+        [&](Uia& uia, UiaControl& control) {
+            uia.simulateKeyStroke(control, static_cast<wchar_t>(c), keyCode, modifiers);
+        },
+        NOT_YET_IMPLEMENTED);
 }
 
 JNIEXPORT void JNICALL NATIVE(SetFocus)(JNIEnv* env, jobject, jlong handle) {
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().setFocus(handleFromJava(handle));
-    }
+    routeChecked(
+        __func__, env, handle, [](Uia& uia, UiaControl& control) { uia.setFocus(control); }, NOT_YET_IMPLEMENTED);
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(Move)(JNIEnv* env, jobject, jlong handle, jint x, jint y) {
-    bool result = false;
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = Uia::getInstance().moveControl(handleFromJava(handle), x, y);
-    }
-    return result ? JNI_TRUE : JNI_FALSE;
+    const bool moved = routeChecked(
+        __func__, env, handle, false, [&](Uia& uia, UiaControl& control) { return uia.moveControl(control, x, y); },
+        NOT_YET_IMPLEMENTED);
+    return moved ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(Resize)(JNIEnv* env, jobject, jlong handle, jint width, jint height) {
-    bool result = false;
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = Uia::getInstance().resizeControl(handleFromJava(handle), width, height);
-    }
-    return result ? JNI_TRUE : JNI_FALSE;
+    const bool resized = routeChecked(
+        __func__, env, handle, false,
+        [&](Uia& uia, UiaControl& control) { return uia.resizeControl(control, width, height); },
+        NOT_YET_IMPLEMENTED);
+    return resized ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(Close)(JNIEnv* env, jobject, jlong handle) {
-    bool result = false;
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = Uia::getInstance().closeControl(handleFromJava(handle));
-    }
-    return result ? JNI_TRUE : JNI_FALSE;
+    const bool closed = routeChecked(
+        __func__, env, handle, false, [](Uia& uia, UiaControl& control) { return uia.closeControl(control); },
+        NOT_YET_IMPLEMENTED);
+    return closed ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(BringToFront)(JNIEnv* env, jobject, jlong handle) {
-    bool result = false;
-    if (!useUia) {
-        NOT_YET_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = Uia::getInstance().bringToFront(handleFromJava(handle));
-    }
-    return result ? JNI_TRUE : JNI_FALSE;
+    const bool brought = routeChecked(
+        __func__, env, handle, false, [](Uia& uia, UiaControl& control) { return uia.bringToFront(control); },
+        NOT_YET_IMPLEMENTED);
+    return brought ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT void JNICALL NATIVE(DoDefaultAction)(JNIEnv* env, jobject, jlong handle) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().doDefaultAction(handleFromJava(handle));
-    }
+    routeChecked(
+        __func__, env, handle, [](Uia& uia, UiaControl& control) { uia.doDefaultAction(control); }, NOT_IMPLEMENTED);
 }
 
 JNIEXPORT void JNICALL NATIVE(Invoke)(JNIEnv* env, jobject, jlong handle) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().invoke(handleFromJava(handle));
-    }
+    routeChecked(
+        __func__, env, handle, [](Uia& uia, UiaControl& control) { uia.invoke(control); }, NOT_IMPLEMENTED);
 }
 
 JNIEXPORT void JNICALL NATIVE(Select)(JNIEnv* env, jobject, jlong handle, jint mode) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().select(handleFromJava(handle), mode);
-    }
+    routeChecked(
+        __func__, env, handle, [&](Uia& uia, UiaControl& control) { uia.select(control, mode); }, NOT_IMPLEMENTED);
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(Toggle)(JNIEnv* env, jobject, jlong handle, jint mode) {
-    bool result = false;
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = Uia::getInstance().toggle(handleFromJava(handle), mode);
-    }
-    return result ? JNI_TRUE : JNI_FALSE;
+    const bool toggled = routeChecked(
+        __func__, env, handle, false, [&](Uia& uia, UiaControl& control) { return uia.toggle(control, mode); },
+        NOT_IMPLEMENTED);
+    return toggled ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(Expand)(JNIEnv* env, jobject, jlong handle, jboolean expand) {
-    bool result = false;
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = Uia::getInstance().expand(handleFromJava(handle), expand != 0 ? 1 : 0);
-    }
-    return result ? JNI_TRUE : JNI_FALSE;
+    const bool expanded = routeChecked(
+        __func__, env, handle, false,
+        [&](Uia& uia, UiaControl& control) { return uia.expand(control, expand != 0 ? 1 : 0); }, NOT_IMPLEMENTED);
+    return expanded ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT void JNICALL NATIVE(Scroll)(JNIEnv* env, jobject, jlong handle, jdouble horizontal, jdouble vertical) {
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        Uia::getInstance().scroll(handleFromJava(handle), horizontal, vertical);
-    }
+    routeChecked(
+        __func__, env, handle, [&](Uia& uia, UiaControl& control) { uia.scroll(control, horizontal, vertical); },
+        NOT_IMPLEMENTED);
 }
 
 JNIEXPORT jboolean JNICALL NATIVE(ScrollIntoView)(JNIEnv* env, jobject, jlong handle) {
-    bool result = false;
-    if (!useUia) {
-        NOT_IMPLEMENTED();
-    } else if (ControlRef use = Uia_CheckHandle(env, handle)) {
-        result = Uia::getInstance().scrollIntoView(handleFromJava(handle)) == 1;
-    }
-    return result ? JNI_TRUE : JNI_FALSE;
+    const bool shown = routeChecked(
+        __func__, env, handle, false,
+        [](Uia& uia, UiaControl& control) { return uia.scrollIntoView(control) == 1; }, NOT_IMPLEMENTED);
+    return shown ? JNI_TRUE : JNI_FALSE;
 }
 
 }  // extern "C"

@@ -1,6 +1,6 @@
 #include "classic/ShmComm.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 namespace tolva {
 

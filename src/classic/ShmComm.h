@@ -3,8 +3,8 @@
 // never connected, and every query answers that it isn't built.
 #pragma once
 
-#include "bridge/Array.h"
-#include "bridge/Handles.h"
+#include "common/Array.h"
+#include "common/Handle.h"
 
 #include <windows.h>
 

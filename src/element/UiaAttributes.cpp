@@ -3,8 +3,8 @@
 // lists reach Java as text.
 #include "element/UiaControl.h"
 
-#include "bridge/Logging.h"
-#include "bridge/Preferences.h"
+#include "common/Logging.h"
+#include "common/Preferences.h"
 #include "uiahelper/Regex.h"
 #include "uiahelper/UiaHelper.h"
 

@@ -1,7 +1,7 @@
 #include "element/UiaControl.h"
 
-#include "bridge/Logging.h"
-#include "bridge/Preferences.h"
+#include "common/Logging.h"
+#include "common/Preferences.h"
 #include "uiahelper/UiaHelper.h"
 
 #include <map>

@@ -12,7 +12,7 @@
 // of the same widget, which swaps the element, can't pull it away.
 #pragma once
 
-#include "bridge/Array.h"
+#include "common/Array.h"
 #include "uiahelper/Common.h"
 
 #include <uiautomation.h>
@@ -41,6 +41,7 @@ public:
     explicit operator bool() const { return control_ != nullptr; }
     UiaControl* get() const { return control_; }
     UiaControl* operator->() const { return control_; }
+    UiaControl& operator*() const { return *control_; }
     void reset();
 
 private:
@@ -63,9 +64,6 @@ public:
     // another thread may remove at once stays whole while the use is held.
     static ControlRef getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent);
     static bool isValidHandle(std::intptr_t handle);  // never touches the value
-    // The control behind a handle whose use the caller holds (a native after
-    // its handle check, or a runner it waits for).
-    static UiaControl* fromHandle(std::intptr_t handle) { return reinterpret_cast<UiaControl*>(handle); }
     // A use of the control behind a handle, or an empty one; never touches
     // the value unless it stands in the table.
     static ControlRef acquire(std::intptr_t handle);
@@ -105,6 +103,8 @@ public:
     // The current element with a reference for the caller (null only for a
     // control made without one).
     ComPtr<IUIAutomationElement> getElement() const;
+    // The control's handle: its address.
+    std::intptr_t handle() const { return reinterpret_cast<std::intptr_t>(this); }
     std::wstring getType() const { return type; }
     std::wstring getId() const { return id; }
     HWND getHwnd() const;

@@ -1,6 +1,6 @@
 #include "engine/EngineRunnables.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 #include "element/UiaControl.h"
 #include "engine/Uia.h"
 #include "events/EventFilter.h"

@@ -2,7 +2,7 @@
 // target, and the steps that start and end event delivery.
 #pragma once
 
-#include "engine/Runnable.h"
+#include "dispatch/Runnable.h"
 
 #include <windows.h>
 

@@ -1,6 +1,7 @@
 #include "engine/ProcessManager.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
+#include "classic/ClassicClient.h"
 #include "classic/ShmComm.h"
 #include "engine/Uia.h"
 #include "uiahelper/Regex.h"
@@ -199,21 +200,17 @@ bool ProcessManager::isConnected() {
     return automationBackEnd_ ? attached_ : ShmComm::getInstance().isConnected();
 }
 
-// The classic back end's start and attach operations: the client library and
-// its shared-memory channel are not part of this build yet.
+// The classic back end's start and attach are the client's own (classic/).
 int ProcessManager::startProcess(const std::wstring& command) {
-    TOLVA_LOG(logger, 3, "Not yet implemented: " << command);
-    return 0;
+    return ClassicClient::startProcess(command);
 }
 
 int ProcessManager::attachProcess(int threadId, int flags) {
-    TOLVA_LOG(logger, 3, "Not yet implemented: tid " << threadId << ", flags " << flags);
-    return 0;
+    return ClassicClient::attachProcess(threadId, flags);
 }
 
 int ProcessManager::attachProcess(const std::wstring& title) {
-    TOLVA_LOG(logger, 3, "Not yet implemented: " << title);
-    return 0;
+    return ClassicClient::attachProcess(title);
 }
 
 }  // namespace tolva

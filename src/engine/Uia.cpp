@@ -1,10 +1,10 @@
 #include "engine/Uia.h"
 
-#include "bridge/Logging.h"
-#include "bridge/Preferences.h"
+#include "common/Logging.h"
+#include "common/Preferences.h"
 #include "element/UiaControl.h"
 #include "engine/EngineRunnables.h"
-#include "engine/UiaEventQueue.h"
+#include "dispatch/UiaEventQueue.h"
 #include "events/EventFilter.h"
 #include "events/WinClientEvent.h"
 #include "recording/UiaAutoEventHandler.h"
@@ -18,7 +18,6 @@
 namespace tolva {
 
 std::vector<HWND> existingWindows;
-DWORD overlayThreadId = 0;
 
 namespace {
 

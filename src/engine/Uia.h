@@ -2,8 +2,9 @@
 // target, and the operations that the natives call.
 #pragma once
 
-#include "bridge/Array.h"
-#include "bridge/Handles.h"
+#include "common/Array.h"
+#include "common/Handle.h"
+#include "element/UiaControl.h"
 
 #include <uiautomation.h>
 #include <windows.h>
@@ -17,9 +18,6 @@ namespace tolva {
 // Top-level windows that were there before the target started; the title
 // finder prefers a window that isn't among them.
 extern std::vector<HWND> existingWindows;
-
-// Thread id of the process overlay's thread, 0 while none runs.
-extern DWORD overlayThreadId;
 
 using NameList = Array<const wchar_t*>;
 
@@ -48,35 +46,39 @@ public:
     void processTerminated();
 
     // --- operations for the natives ---
+    // 0 if the handle names a living control, 1 if it names none, 2 if its
+    // element is gone (the control is then removed).
     int checkHandle(Handle handle);
+    // The operations on a control take it from the caller, who holds its use
+    // (a ControlRef) for the length of the call.
     Array<Handle> getToplevels();
-    Array<Handle> getElementsByProperty(Handle handle, const std::wstring& name, const std::wstring& value);
-    Array<Handle> findAllWindows(Handle handle);
-    Array<Handle> getChildren(Handle handle);
-    Array<std::wstring> getChildrenWithAttributes(Handle handle, NameList& names);
-    Array<std::wstring> getAttributes(Handle handle, NameList& names);
-    void getHierarchyWithAttributes(Handle handle, NameList& names, Array<Handle>& excluded,
+    Array<Handle> getElementsByProperty(UiaControl& control, const std::wstring& name, const std::wstring& value);
+    Array<Handle> findAllWindows(UiaControl& control);
+    Array<Handle> getChildren(UiaControl& control);
+    Array<std::wstring> getChildrenWithAttributes(UiaControl& control, NameList& names);
+    Array<std::wstring> getAttributes(UiaControl& control, NameList& names);
+    void getHierarchyWithAttributes(UiaControl& control, NameList& names, Array<Handle>& excluded,
                                     std::vector<std::wstring>& out, int depth);
-    Handle getParent(Handle handle);
+    Handle getParent(UiaControl& control);
     Handle getElementFromPoint(int x, int y);
-    std::int32_t highlight(Handle handle, int duration, int color);
+    std::int32_t highlight(UiaControl& control, int duration, int color);
     std::int32_t enableEventListeners(std::int32_t mode);
     void enableCheckMode(bool enable, std::int32_t mode);
     void enableRecordingMode(bool enable, std::int32_t mode);
-    void simulateMouseEvent(Handle handle, int id, int button, int x, int y, int modifiers, int count);
-    void simulateKeyStroke(Handle handle, wchar_t c, int keyCode, int modifiers);
-    void setFocus(Handle handle);
-    bool moveControl(Handle handle, int x, int y);
-    bool resizeControl(Handle handle, int width, int height);
-    bool closeControl(Handle handle);
-    bool bringToFront(Handle handle);
-    bool doDefaultAction(Handle handle);
-    bool invoke(Handle handle);
-    void select(Handle handle, int mode);
-    bool toggle(Handle handle, int mode);
-    bool expand(Handle handle, int expand);
-    bool scroll(Handle handle, double horizontal, double vertical);
-    int scrollIntoView(Handle handle);
+    void simulateMouseEvent(UiaControl& control, int id, int button, int x, int y, int modifiers, int count);
+    void simulateKeyStroke(UiaControl& control, wchar_t c, int keyCode, int modifiers);
+    void setFocus(UiaControl& control);
+    bool moveControl(UiaControl& control, int x, int y);
+    bool resizeControl(UiaControl& control, int width, int height);
+    bool closeControl(UiaControl& control);
+    bool bringToFront(UiaControl& control);
+    bool doDefaultAction(UiaControl& control);
+    bool invoke(UiaControl& control);
+    void select(UiaControl& control, int mode);
+    bool toggle(UiaControl& control, int mode);
+    bool expand(UiaControl& control, int expand);
+    bool scroll(UiaControl& control, double horizontal, double vertical);
+    int scrollIntoView(UiaControl& control);
 
     int pid = 0;
     std::wstring className;
@@ -86,6 +88,8 @@ public:
 private:
     Uia();
     HANDLE startDispatchThread();  // 0 on failure, logged
+    void appendHierarchy(Handle handle, NameList& names, Array<Handle>& excluded, std::vector<std::wstring>& out,
+                         int depth);
     // Gives the automation object up at the end of the dispatch thread; waits,
     // bounded, for the Java threads still using it.
     void releaseAutomation();

@@ -3,12 +3,12 @@
 // results, relatives, searches and top-level windows.
 #include "engine/Uia.h"
 
-#include "bridge/Logging.h"
-#include "bridge/NullMarkers.h"
+#include "common/Logging.h"
+#include "common/NullMarkers.h"
 #include "element/UiaControl.h"
 #include "engine/EngineRunnables.h"
-#include "engine/UiaEventQueue.h"
-#include "bridge/Preferences.h"
+#include "dispatch/UiaEventQueue.h"
+#include "common/Preferences.h"
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/UiaHelper.h"
 
@@ -115,9 +115,8 @@ int Uia::checkHandle(Handle handle) {
     return 0;
 }
 
-Array<Handle> Uia::getChildren(Handle handle) {
-    UiaControl* control = UiaControl::fromHandle(handle);
-    UiaHelper::ElementList children = control->getChildren();
+Array<Handle> Uia::getChildren(UiaControl& control) {
+    UiaHelper::ElementList children = control.getChildren();
     UiaHelper::ElementList kept;
     kept.reserve(children.size());
     for (IUIAutomationElement* child : children) {
@@ -127,12 +126,12 @@ Array<Handle> Uia::getChildren(Handle handle) {
             kept.push_back(child);
         }
     }
-    return UiaControl::controlsOf(kept, control);
+    return UiaControl::controlsOf(kept, &control);
 }
 
-Handle Uia::getParent(Handle handle) {
-    TOLVA_LOG(logger, 7, "handle: " << std::hex << handle);
-    return handleOfElement(UiaControl::fromHandle(handle)->getParent(), "p: ");
+Handle Uia::getParent(UiaControl& control) {
+    TOLVA_LOG(logger, 7, "handle: " << std::hex << control.handle());
+    return handleOfElement(control.getParent(), "p: ");
 }
 
 Handle Uia::getElementFromPoint(int x, int y) {
@@ -144,17 +143,17 @@ Array<Handle> Uia::getToplevels() {
     return UiaControl::getToplevels(pid, viaHwnd, className);
 }
 
-Array<Handle> Uia::getElementsByProperty(Handle handle, const std::wstring& name, const std::wstring& value) {
-    return UiaControl::fromHandle(handle)->getElementsByProperty(name, value);
+Array<Handle> Uia::getElementsByProperty(UiaControl& control, const std::wstring& name, const std::wstring& value) {
+    return control.getElementsByProperty(name, value);
 }
 
-Array<Handle> Uia::findAllWindows(Handle handle) {
-    return UiaControl::fromHandle(handle)->findAllWindows();
+Array<Handle> Uia::findAllWindows(UiaControl& control) {
+    return control.findAllWindows();
 }
 
-Array<std::wstring> Uia::getChildrenWithAttributes(Handle handle, NameList& names) {
-    TOLVA_LOG(logger, 7, "handle: " << std::hex << handle);
-    Array<Handle> children = getChildren(handle);
+Array<std::wstring> Uia::getChildrenWithAttributes(UiaControl& control, NameList& names) {
+    TOLVA_LOG(logger, 7, "handle: " << std::hex << control.handle());
+    Array<Handle> children = getChildren(control);
     const std::int32_t stride = names.size() + 1;
     Array<std::wstring> flat(children.size() * stride);
     for (std::int32_t i = 0; i < children.size(); ++i) {
@@ -164,15 +163,23 @@ Array<std::wstring> Uia::getChildrenWithAttributes(Handle handle, NameList& name
     return flat;
 }
 
-Array<std::wstring> Uia::getAttributes(Handle handle, NameList& names) {
-    TOLVA_LOG(logger, 7, "handle: " << std::hex << handle);
+Array<std::wstring> Uia::getAttributes(UiaControl& control, NameList& names) {
+    TOLVA_LOG(logger, 7, "handle: " << std::hex << control.handle());
     Array<std::wstring> flat(names.size());
-    appendAttributes(handle, names, flat.begin());
+    appendAttributes(control.handle(), names, flat.begin());
     return flat;
 }
 
-void Uia::getHierarchyWithAttributes(Handle handle, NameList& names, Array<Handle>& excluded,
+void Uia::getHierarchyWithAttributes(UiaControl& control, NameList& names, Array<Handle>& excluded,
                                      std::vector<std::wstring>& out, int depth) {
+    appendHierarchy(control.handle(), names, excluded, out, depth);
+}
+
+// The entries of a control and of its subtree. A child that couldn't be made
+// (0), or that another thread has removed since, has no attributes and no
+// subtree.
+void Uia::appendHierarchy(Handle handle, NameList& names, Array<Handle>& excluded, std::vector<std::wstring>& out,
+                          int depth) {
     for (Handle skipped : excluded) {
         if (skipped == handle) {
             TOLVA_LOG(logger, 9, std::hex << handle << " excluded");
@@ -189,9 +196,9 @@ void Uia::getHierarchyWithAttributes(Handle handle, NameList& names, Array<Handl
     if (!control) {
         return;  // not a control (any longer): no subtree to list
     }
-    Array<Handle> children = getChildren(handle);
+    Array<Handle> children = getChildren(*control);
     for (Handle child : children) {
-        getHierarchyWithAttributes(child, names, excluded, out, depth + 1);
+        appendHierarchy(child, names, excluded, out, depth + 1);
     }
 }
 

@@ -1,7 +1,9 @@
 #include "events/EventFilter.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 #include "events/WinClientEvent.h"
+
+#include <jni.h>
 
 #include <cstdarg>
 #include <unordered_map>
@@ -428,7 +430,7 @@ void EventFilter::callJavaCheckSelect(std::int64_t handle, std::int32_t index) {
     callCallbackVoid("onCheckSelect", "(JI)V", handle, true, index);
 }
 
-std::wstring EventFilter::labelAt(jobjectArray labels, jsize index, jclass stringClass) {
+std::wstring EventFilter::labelAt(jobjectArray labels, std::int32_t index, jclass stringClass) {
     jobject entry = env_->GetObjectArrayElement(labels, index);
     if (dropJavaException() || !entry) {
         return std::wstring();

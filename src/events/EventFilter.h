@@ -4,7 +4,7 @@
 // except setJavaCallbackObject runs on the one attached thread.
 #pragma once
 
-#include <jni.h>
+#include "events/JniTypes.h"
 
 #include <cstdint>
 #include <string>
@@ -67,7 +67,7 @@ private:
     // Deletes the cached classes' global references and forgets them.
     void forgetClasses();
     // The label at the index of the host's array; empty for a null entry or one that is no string.
-    std::wstring labelAt(jobjectArray labels, jsize index, jclass stringClass);
+    std::wstring labelAt(jobjectArray labels, std::int32_t index, jclass stringClass);
 
     JavaVM* javaVM_ = nullptr;
     JNIEnv* env_ = nullptr;

@@ -1,7 +1,7 @@
 // The highlight frame and the runner that Java's Highlight reaches.
 #include "overlay/Highlighter.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 #include "element/UiaControl.h"
 #include "uiahelper/UiaHelper.h"
 
@@ -18,7 +18,12 @@ std::int32_t HighlightRunner::operator()() {
         StopHighlight();
         return 0;
     }
-    UiaControl* control = UiaControl::fromHandle(control_);
+    // The native waits for this runner with the control in use; a use of its
+    // own keeps it from resting on that.
+    ControlRef control = UiaControl::acquire(control_);
+    if (!control) {
+        return 0;
+    }
     if (!UiaHelper::IsForeground(control->getElement().get())) {
         // Hidden behind another window: an earlier highlight stays as it is.
         TOLVA_LOG(logger, 9, "not in the foreground");

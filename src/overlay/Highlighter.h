@@ -3,8 +3,8 @@
 // dispatch thread, whose message loop serves its window.
 #pragma once
 
-#include "bridge/Handles.h"
-#include "engine/Runnable.h"
+#include "common/Handle.h"
+#include "dispatch/Runnable.h"
 
 #include <windows.h>
 

@@ -16,4 +16,13 @@ public:
     ProcessOverlay& operator=(const ProcessOverlay&) = delete;
 };
 
+// Thread id of the process overlay's thread, 0 while none runs.
+extern DWORD overlayThreadId;
+
+// Starts the overlay's thread for the target's process: the overlay's windows
+// live and die there. False, logged, if the thread can't be started.
+bool startOverlayThread(DWORD pid);
+// Asks the overlay's thread to end, if one runs; doesn't wait for it.
+void stopOverlayThread();
+
 }  // namespace tolva

@@ -1,7 +1,7 @@
 // Check mode.
 #include "overlay/UiaChecker.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 namespace tolva {
 

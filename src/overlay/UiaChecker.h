@@ -2,7 +2,7 @@
 // elements of the target for checks. Runs on the dispatch thread.
 #pragma once
 
-#include "engine/Runnable.h"
+#include "dispatch/Runnable.h"
 
 #include <cstdint>
 

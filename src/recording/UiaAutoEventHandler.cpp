@@ -1,6 +1,6 @@
 #include "recording/UiaAutoEventHandler.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 namespace tolva {
 

@@ -3,9 +3,9 @@
 // and finding the window that an element lives in.
 #include "uiahelper/UiaHelper.h"
 
-#include "bridge/Logging.h"
-#include "bridge/Preferences.h"
-#include "uiahelper/ComPtr.h"
+#include "common/Logging.h"
+#include "common/Preferences.h"
+#include "common/ComPtr.h"
 
 #include <utility>
 

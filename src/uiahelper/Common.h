@@ -2,7 +2,7 @@
 // the element list.
 #pragma once
 
-#include "uiahelper/ComPtr.h"
+#include "common/ComPtr.h"
 
 #include <uiautomation.h>
 #include <windows.h>

@@ -1,7 +1,7 @@
 // Small getters of element properties: every read is a fresh call.
 #include "uiahelper/UiaHelper.h"
 
-#include "uiahelper/ComPtr.h"
+#include "common/ComPtr.h"
 
 #include <oleacc.h>
 

@@ -1,7 +1,7 @@
 // Real input through the system's input queue.
 #include "uiahelper/Input.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 namespace UiaHelper {
 

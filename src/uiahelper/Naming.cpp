@@ -1,9 +1,9 @@
 // An element's identity and text.
 #include "uiahelper/UiaHelper.h"
 
-#include "bridge/Logging.h"
-#include "bridge/Preferences.h"
-#include "uiahelper/ComPtr.h"
+#include "common/Logging.h"
+#include "common/Preferences.h"
+#include "common/ComPtr.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -4,7 +4,7 @@
 // with an error where they would run out.
 #include "uiahelper/Regex.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 #include <boost/regex.hpp>
 

@@ -1,6 +1,6 @@
 #include "uiahelper/UiaHelper.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 namespace UiaHelper {
 

@@ -1,7 +1,7 @@
 // Grid places, selection, window state and text of an element.
 #include "uiahelper/UiaHelper.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 using tolva::Bstr;
 using tolva::ComPtr;

@@ -1,7 +1,7 @@
 // The name tables that Java sees, and the names of patterns.
 #include "uiahelper/UiaHelper.h"
 
-#include "uiahelper/ComPtr.h"
+#include "common/ComPtr.h"
 
 using tolva::Bstr;
 using tolva::ComPtr;

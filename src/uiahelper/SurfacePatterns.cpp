@@ -2,7 +2,7 @@
 // role and the range value.
 #include "uiahelper/UiaHelper.h"
 
-#include "uiahelper/ComPtr.h"
+#include "common/ComPtr.h"
 
 using tolva::ComPtr;
 

@@ -2,8 +2,8 @@
 // through the window system.
 #include "uiahelper/UiaHelper.h"
 
-#include "bridge/Logging.h"
-#include "uiahelper/ComPtr.h"
+#include "common/Logging.h"
+#include "common/ComPtr.h"
 #include "uiahelper/Regex.h"
 
 

@@ -1,9 +1,9 @@
 // Walking the element tree in the raw view, and searching it.
 #include "uiahelper/UiaHelper.h"
 
-#include "bridge/Logging.h"
-#include "bridge/Preferences.h"
-#include "uiahelper/ComPtr.h"
+#include "common/Logging.h"
+#include "common/Preferences.h"
+#include "common/ComPtr.h"
 #include "uiahelper/Regex.h"
 
 #include <algorithm>

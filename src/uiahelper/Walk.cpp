@@ -1,8 +1,8 @@
 // Steps through the element tree, always in the raw view.
 #include "uiahelper/UiaHelper.h"
 
-#include "bridge/Logging.h"
-#include "uiahelper/ComPtr.h"
+#include "common/Logging.h"
+#include "common/ComPtr.h"
 
 using tolva::ComPtr;
 

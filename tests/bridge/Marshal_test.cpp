@@ -1,7 +1,7 @@
 // Values between Java and the driver: handles, flat attribute arrays and
 // pinned name lists, against the JNI host.
 #include "bridge/Marshal.h"
-#include "bridge/NullMarkers.h"
+#include "common/NullMarkers.h"
 
 #include "JniHost.h"
 

@@ -1,6 +1,6 @@
 // The readers of preference values: numbers, flags and lists.
-#include "bridge/NullMarkers.h"
-#include "bridge/Preferences.h"
+#include "common/NullMarkers.h"
+#include "common/Preferences.h"
 
 #include <gtest/gtest.h>
 

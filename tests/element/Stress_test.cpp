@@ -14,8 +14,8 @@
 #include "JniHost.h"
 
 #include "element/UiaControl.h"
-#include "engine/Runnable.h"
-#include "engine/UiaEventQueue.h"
+#include "dispatch/Runnable.h"
+#include "dispatch/UiaEventQueue.h"
 #include "uiahelper/UiaHelper.h"
 
 #include <objbase.h>

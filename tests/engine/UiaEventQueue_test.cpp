@@ -1,5 +1,5 @@
 // The dispatch queue on its own: what reaches no native directly.
-#include "engine/UiaEventQueue.h"
+#include "dispatch/UiaEventQueue.h"
 
 #include <gtest/gtest.h>
 

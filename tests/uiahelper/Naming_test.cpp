@@ -4,8 +4,8 @@
 
 #include "FakeUiaPatterns.h"
 
-#include "bridge/NullMarkers.h"
-#include "bridge/Preferences.h"
+#include "common/NullMarkers.h"
+#include "common/Preferences.h"
 #include "uiahelper/UiaHelper.h"
 
 #include <limits>

@@ -1,8 +1,8 @@
 // Walking and searching the element tree, and finding a target's windows.
 #include "HelperTest.h"
 
-#include "bridge/NullMarkers.h"
-#include "bridge/Preferences.h"
+#include "common/NullMarkers.h"
+#include "common/Preferences.h"
 #include "uiahelper/UiaHelper.h"
 
 #include "SmallStack.h"

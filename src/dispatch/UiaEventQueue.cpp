@@ -1,6 +1,6 @@
-#include "engine/UiaEventQueue.h"
+#include "dispatch/UiaEventQueue.h"
 
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 #include <mutex>
 

@@ -1,7 +1,7 @@
-#include "bridge/Preferences.h"
+#include "common/Preferences.h"
 
-#include "bridge/Logging.h"
-#include "bridge/NullMarkers.h"
+#include "common/Logging.h"
+#include "common/NullMarkers.h"
 
 namespace tolva {
 

@@ -1,4 +1,4 @@
-#include "bridge/Logging.h"
+#include "common/Logging.h"
 
 #include <cstring>
 

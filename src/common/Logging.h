@@ -18,13 +18,17 @@ std::string logMethodName(const char* function);
 
 }  // namespace tolva
 
-#define TOLVA_LOG(logger, level, parts)                                              \
+#define TOLVA_LOG(logger, level, parts) TOLVA_LOG_AS(logger, level, __func__, parts)
+
+// A statement under the name of another function: a helper that logs for its
+// caller passes the caller's __func__.
+#define TOLVA_LOG_AS(logger, level, function, parts)                                 \
     do {                                                                             \
         try {                                                                        \
             if ((logger).getLevel() >= (level)) {                                    \
                 ::tolva::tolvacore::log::Logger::OStream tolvaLogStream_;            \
                 tolvaLogStream_ << parts;                                            \
-                (logger).log((level), ::tolva::logMethodName(__func__),              \
+                (logger).log((level), ::tolva::logMethodName(function),              \
                              tolvaLogStream_.str());                                 \
             }                                                                        \
         } catch (...) {                                                              \

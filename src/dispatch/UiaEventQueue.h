@@ -6,7 +6,7 @@
 // it likes; an ended queue turns its work away at once.
 #pragma once
 
-#include "engine/Runnable.h"
+#include "dispatch/Runnable.h"
 
 #include <windows.h>
 
