@@ -215,9 +215,11 @@ JNIEXPORT jlong JNICALL NATIVE(GetNativeHandle)(JNIEnv* env, jobject, jlong hand
     jlong result = 0;
     if (useUia) {
         if (ControlRef use = Uia_CheckHandle(env, handle)) {
+            // A failed read leaves the output undefined: it gives 0.
             UIA_HWND hwnd = nullptr;
-            use->getElement()->get_CurrentNativeWindowHandle(&hwnd);
-            result = handleToJava(reinterpret_cast<Handle>(hwnd));
+            if (SUCCEEDED(use->getElement()->get_CurrentNativeWindowHandle(&hwnd))) {
+                result = handleToJava(reinterpret_cast<Handle>(hwnd));
+            }
         }
     } else {
         result = handleToJava(ShmComm::getInstance().getNativeHandle(handleFromJava(handle)));
