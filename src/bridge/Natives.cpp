@@ -280,8 +280,11 @@ JNIEXPORT jlong JNICALL NATIVE(GetNativeHandle)(JNIEnv* env, jobject, jlong hand
     return routeChecked(
         __func__, env, handle, jlong(0),
         [](Uia&, UiaControl& control) {
+            // A failed read leaves the output undefined: it gives 0.
             UIA_HWND hwnd = nullptr;
-            control.getElement()->get_CurrentNativeWindowHandle(&hwnd);
+            if (FAILED(control.getElement()->get_CurrentNativeWindowHandle(&hwnd))) {
+                return jlong(0);
+            }
             return handleToJava(reinterpret_cast<Handle>(hwnd));
         },
         [&] { return handleToJava(ShmComm::getInstance().getNativeHandle(handleFromJava(handle))); });

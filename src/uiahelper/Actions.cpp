@@ -233,9 +233,11 @@ bool DoExpand(IUIAutomationElement* element, bool expand) {
         TOLVA_LOG(logger, 9, "Expand/Collapse not possible");
         return false;
     }
-    // The code isn't looked at: a failed read counts as collapsed.
+    // A failed read counts as collapsed (its output is undefined).
     ExpandCollapseState state = ExpandCollapseState_Collapsed;
-    pattern->get_CurrentExpandCollapseState(&state);
+    if (FAILED(pattern->get_CurrentExpandCollapseState(&state))) {
+        state = ExpandCollapseState_Collapsed;
+    }
     if (expand && state != ExpandCollapseState_Expanded) {
         return SUCCEEDED(pattern->Expand());
     }
@@ -251,9 +253,11 @@ int GetExpandState(IUIAutomationElement* element) {
     if (FAILED(OpenPattern(element, UIA_ExpandCollapsePatternId, pattern)) || !pattern) {
         return -1;
     }
-    // Taken whatever the code says, as read into a preset variable.
+    // A failed read leaves its output undefined: the start value -1 stays.
     ExpandCollapseState state = ExpandCollapseState_Collapsed;
-    pattern->get_CurrentExpandCollapseState(&state);
+    if (FAILED(pattern->get_CurrentExpandCollapseState(&state))) {
+        return -1;
+    }
     return static_cast<int>(state);
 }
 

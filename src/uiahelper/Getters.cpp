@@ -41,7 +41,13 @@ HRESULT GetControlProcessId(IUIAutomationElement* element, int* pid) {
     if (!element) {
         return E_INVALIDARG;
     }
-    return element->get_CurrentProcessId(pid);
+    // A failed read leaves its output undefined: the 0 stays.
+    int read = 0;
+    const HRESULT hr = element->get_CurrentProcessId(&read);
+    if (SUCCEEDED(hr)) {
+        *pid = read;
+    }
+    return hr;
 }
 
 std::wstring GetControlClassName(IUIAutomationElement* element) {

@@ -15,6 +15,15 @@ tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
 const wchar_t* const CORE_WINDOW_CLASS = L"Windows.UI.Core.CoreWindow";
 const TEXTATTRIBUTEID IS_READ_ONLY_ATTRIBUTE = 40015;  // UIA_IsReadOnlyAttributeId
 
+// A pattern's number into `value` if the read works; `value` stays otherwise.
+template <class P>
+void ReadInto(P* pattern, HRESULT (STDMETHODCALLTYPE P::*getter)(int*), int& value) {
+    int read = 0;
+    if (SUCCEEDED((pattern->*getter)(&read))) {
+        value = read;
+    }
+}
+
 }  // namespace
 
 GridPair GetGridColumnAndRowCount(IUIAutomationElement* element) {
@@ -24,8 +33,10 @@ GridPair GetGridColumnAndRowCount(IUIAutomationElement* element) {
     if (FAILED(OpenPattern(element, UIA_GridPatternId, grid)) || !grid) {
         TOLVA_LOG(logger, 3, "Not a grid: " << static_cast<void*>(element));
     } else {
-        grid->get_CurrentRowCount(&rows);
-        grid->get_CurrentColumnCount(&columns);
+        // The codes decide nothing, but a failed read leaves its output
+        // undefined: only a read that worked replaces the -1.
+        ReadInto(grid.get(), &IUIAutomationGridPattern::get_CurrentRowCount, rows);
+        ReadInto(grid.get(), &IUIAutomationGridPattern::get_CurrentColumnCount, columns);
     }
     return GridPair{columns, rows};
 }
@@ -55,8 +66,8 @@ GridPair GetGridItemColumnAndRow(IUIAutomationElement* element) {
     if (FAILED(OpenPattern(element, UIA_GridItemPatternId, gridItem)) || !gridItem) {
         TOLVA_LOG(logger, 3, "Not a grid item: " << static_cast<void*>(element));
     } else {
-        gridItem->get_CurrentColumn(&column);
-        gridItem->get_CurrentRow(&row);
+        ReadInto(gridItem.get(), &IUIAutomationGridItemPattern::get_CurrentColumn, column);
+        ReadInto(gridItem.get(), &IUIAutomationGridItemPattern::get_CurrentRow, row);
     }
     return GridPair{column, row};
 }

@@ -286,6 +286,17 @@ std::vector<int> Node::runtimeId() const {
 
 void Node::hangUnderDesktop() {
     std::lock_guard<std::mutex> lock(state_->mu);
+    if (this == state_->root) throw std::logic_error("fakeuia: the desktop cannot hang under itself");
+    if (!d_->alive || d_->parent == state_->root) return;
+    auto& siblings = D(d_->parent).children;
+    siblings.erase(std::find(siblings.begin(), siblings.end(), this));
+    auto& tops = D(state_->root).children;
+    tops.insert(tops.begin(), this);
+    d_->parent = state_->root;
+}
+
+void Node::reportDesktopAsParent() {
+    std::lock_guard<std::mutex> lock(state_->mu);
     d_->parentIsDesktop = true;
 }
 

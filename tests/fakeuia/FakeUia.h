@@ -33,6 +33,13 @@
 //   and/or its descendants in document order, filtered by the control view
 //   as the platform's default cache request does. TreeScope_Parent and
 //   TreeScope_Ancestors are recorded as unsupported.
+// - ElementFromHandle answers for every live window: the node with that
+//   native window handle, the root for the desktop window, else an element
+//   made from the window itself (class name, text as name, handle, process
+//   id, bounds, visibility, control type Window, or Pane for a child window,
+//   runtime id {0x2a, handle}); its reads go to the window afresh and fail
+//   with kElementNotAvailable once the window is gone. Such elements are
+//   outside the tree's children lists; their parent is their parent window's.
 // - Every read that yields an element hands out a new object (count 1 for
 //   the caller); CompareElements is TRUE for objects of the same node.
 // - GetRuntimeId of a node without a runtime id answers S_OK with a null array.
@@ -45,6 +52,10 @@
 //   CreatePropertyCondition accepts the modeled I4, BSTR, BOOL properties and
 //   the runtime id (value type must match: else E_INVALIDARG); conditions on
 //   other properties are recorded as unsupported.
+// - A failing call leaves its non-pointer outputs (numbers, flags, enums,
+//   rectangles, points, window handles, and the value bytes of a VARIANT,
+//   whose type stays VT_EMPTY) filled with kPoisonByte, as the real platform
+//   leaves them undefined; only interface pointers and BSTRs are set to null.
 // - GetCurrentPattern[As] answers S_OK with null unless a PatternSource is
 //   attached to the node.
 // - Get/Property/PatternProgrammaticName: the identifier's name without "UIA_"
@@ -125,6 +136,17 @@ struct NodeSpec {
     bool isDataValidForForm = true;
 };
 
+// The byte that fills the non-pointer outputs of a failing call.
+constexpr unsigned char kPoisonByte = 0xA5;
+// A value of T as a failing call leaves it (T is a number, enum, flag or struct).
+template <class T>
+T poisoned() {
+    T value;
+    unsigned char* bytes = reinterpret_cast<unsigned char*>(&value);
+    for (size_t i = 0; i < sizeof value; ++i) bytes[i] = kPoisonByte;
+    return value;
+}
+
 // First number of the runtime ids the simulation gives to nodes without one.
 constexpr int kRuntimeIdPrefix = 0x7f;
 
@@ -178,10 +200,16 @@ public:
     }
     std::vector<int> runtimeId() const;  // empty when the node has none
 
-    // A popup, such as a combo box's drop-down list: it stays among its
-    // owner's children for the walker's child steps, but the walker reports
-    // the desktop as its parent, as the real platform does for such windows.
+    // A popup, such as a combo box's drop-down list: the node (with its
+    // subtree) leaves its owner's children and becomes the first (topmost)
+    // child of the desktop, as the real platform shows such windows. Every
+    // step agrees: its parent is the desktop, it is among the desktop's
+    // children and siblings, and no longer below its owner.
     void hangUnderDesktop();
+    // A provider's inconsistency: the node stays among its parent's children
+    // for the walker's child and sibling steps, but the walker's parent step
+    // reports the desktop. Drivers must survive such a tree.
+    void reportDesktopAsParent();
 
     // Moves the keyboard focus here (clears it on every other node), as
     // IUIAutomationElement::SetFocus does.

@@ -86,12 +86,15 @@ public:
     HRESULT STDMETHODCALLTYPE CompareElements(IUIAutomationElement* el1, IUIAutomationElement* el2,
                                               BOOL* areSame) override {
         if (!areSame) return E_POINTER;
-        *areSame = FALSE;
-        if (HRESULT hr = injected("CompareElements")) return hr;
-        if (!el1 || !el2) return E_POINTER;
-        Node* a = nodeOf(*state_, el1);
-        Node* b = nodeOf(*state_, el2);
-        if (!a || !b) return E_INVALIDARG;
+        HRESULT hr = injected("CompareElements");
+        if (hr == S_OK && (!el1 || !el2)) hr = E_POINTER;
+        Node* a = hr == S_OK ? nodeOf(*state_, el1) : nullptr;
+        Node* b = hr == S_OK ? nodeOf(*state_, el2) : nullptr;
+        if (hr == S_OK && (!a || !b)) hr = E_INVALIDARG;
+        if (hr != S_OK) {
+            poison(areSame);
+            return hr;
+        }
         *areSame = a == b ? TRUE : FALSE;
         return S_OK;
     }
@@ -114,7 +117,9 @@ public:
         return S_OK;
     }
 
-    // The node with that native window handle; UIA_E_ELEMENTNOTAVAILABLE when none.
+    // The node with that native window handle, the root for the desktop
+    // window, or an element made from any other live window;
+    // UIA_E_ELEMENTNOTAVAILABLE when the handle names no window.
     HRESULT STDMETHODCALLTYPE ElementFromHandle(UIA_HWND hwnd, IUIAutomationElement** element) override {
         if (!element) return E_POINTER;
         *element = nullptr;
@@ -123,13 +128,7 @@ public:
         Node* found = nullptr;
         {
             std::lock_guard<std::mutex> lock(state_->mu);
-            std::vector<Node*> all;
-            preorderLocked(state_->root, all);
-            for (Node* n : all)
-                if (D(n).spec.nativeWindowHandle == hwnd) {
-                    found = n;
-                    break;
-                }
+            found = nodeOfWindowLocked(*state_, static_cast<HWND>(hwnd));
         }
         if (!found) return kElementNotAvailable;
         *element = newElement(*state_, found);

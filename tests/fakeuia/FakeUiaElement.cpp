@@ -110,11 +110,9 @@ public:
         return propertyValue("GetCurrentPropertyValueEx", id, ignoreDefault, value);
     }
     HRESULT STDMETHODCALLTYPE GetCachedPropertyValue(PROPERTYID, VARIANT* value) override {
-        if (value) VariantInit(value);
         return notCached("GetCachedPropertyValue", value);
     }
     HRESULT STDMETHODCALLTYPE GetCachedPropertyValueEx(PROPERTYID, BOOL, VARIANT* value) override {
-        if (value) VariantInit(value);
         return notCached("GetCachedPropertyValueEx", value);
     }
 
@@ -251,11 +249,14 @@ public:
     // offscreen node or empty bounds.
     HRESULT STDMETHODCALLTYPE GetClickablePoint(POINT* clickable, BOOL* gotClickable) override {
         if (!clickable || !gotClickable) return E_POINTER;
-        *clickable = POINT{0, 0};
-        *gotClickable = FALSE;
         std::lock_guard<std::mutex> lock(state_->mu);
         HRESULT hr = checkLocked("GetClickablePoint");
-        if (hr != S_OK) return hr;
+        if (hr != S_OK) {
+            poison(clickable);
+            poison(gotClickable);
+            return hr;
+        }
+        *clickable = POINT{0, 0};
         *gotClickable = clickablePointLocked(node_, clickable) ? TRUE : FALSE;
         return S_OK;
     }
@@ -266,7 +267,8 @@ private:
         const NodeData& d = D(node_);
         auto it = d.failures.find(method);
         if (it != d.failures.end()) return it->second;
-        return d.alive ? S_OK : kElementNotAvailable;
+        if (!d.alive) return kElementNotAvailable;
+        return refreshWindowNodeLocked(node_);
     }
 
     // The test's hook of the node, called without the lock.
@@ -282,11 +284,13 @@ private:
     template <class T, class F>
     HRESULT getValue(const char* method, T* out, F read) {
         if (!out) return E_POINTER;
-        *out = T{};
         beforeRead(method);
         std::lock_guard<std::mutex> lock(state_->mu);
         HRESULT hr = checkLocked(method);
-        if (hr != S_OK) return hr;
+        if (hr != S_OK) {
+            poison(out);
+            return hr;
+        }
         *out = read(D(node_).spec);
         return S_OK;
     }
@@ -311,13 +315,7 @@ private:
     template <class T>
     HRESULT notCached(const char* method, T* out) {
         if (!out) return E_POINTER;
-        *out = T{};
-        std::lock_guard<std::mutex> lock(state_->mu);
-        auto it = D(node_).failures.find(method);
-        return it != D(node_).failures.end() ? it->second : kNotCached;
-    }
-    HRESULT notCached(const char* method, VARIANT* out) {
-        if (!out) return E_POINTER;
+        clearOrPoison(out);
         std::lock_guard<std::mutex> lock(state_->mu);
         auto it = D(node_).failures.find(method);
         return it != D(node_).failures.end() ? it->second : kNotCached;
@@ -340,11 +338,14 @@ private:
 
     HRESULT propertyValue(const char* method, PROPERTYID id, BOOL ignoreDefault, VARIANT* value) {
         if (!value) return E_POINTER;
-        VariantInit(value);
         beforeRead(method);
         std::lock_guard<std::mutex> lock(state_->mu);
         HRESULT hr = checkLocked(method);
-        if (hr != S_OK) return hr;
+        if (hr != S_OK) {
+            poison(value);
+            return hr;
+        }
+        VariantInit(value);
         if (modeledType(id) != PropertyType::Unmodeled) {
             readPropertyLocked(*state_, node_, id, value);
             return S_OK;
@@ -464,6 +465,7 @@ public:
     HRESULT STDMETHODCALLTYPE GetParentElement(IUIAutomationElement* element, IUIAutomationElement** parent) override {
         return step("GetParentElement", element, parent, [this](Node* n) -> Node* {
             if (n == state_->root) return nullptr;
+            if (D(n).window) return windowParentLocked(*state_, n);
             return D(n).parentIsDesktop ? state_->root : viewParent(n);
         });
     }
@@ -531,6 +533,7 @@ private:
             auto it = d.failures.find(method);
             if (it != d.failures.end()) return it->second;
             if (!d.alive) return kElementNotAvailable;
+            if (HRESULT hr = refreshWindowNodeLocked(node)) return hr;
             result = move(node);
         }
         if (result) *out = newElement(*state_, result);

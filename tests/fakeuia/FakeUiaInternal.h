@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace fakeuia {
@@ -37,6 +38,31 @@ const wchar_t* propertyName(PROPERTYID id);  // null when unknown
 const wchar_t* patternName(PATTERNID id);    // null when unknown
 std::wstring localizedControlTypeName(CONTROLTYPEID id);
 
+// --- outputs of failing calls --------------------------------------------------
+// Fills a non-pointer output of a failing call with kPoisonByte.
+template <class T>
+void poison(T* out) {
+    if (out) *out = poisoned<T>();
+}
+// Any output of a failing call: pointers (interfaces, BSTRs) become null,
+// everything else is poisoned.
+template <class T>
+void clearOrPoison(T* out);
+// A VARIANT output of a failing call: VT_EMPTY, its value bytes poisoned.
+inline void poison(VARIANT* out) {
+    if (!out) return;
+    *out = poisoned<VARIANT>();
+    out->vt = VT_EMPTY;
+}
+template <class T>
+void clearOrPoison(T* out) {
+    if constexpr (std::is_pointer<T>::value) {
+        if (out) *out = nullptr;
+    } else {
+        poison(out);
+    }
+}
+
 // --- kinds of counted objects ---------------------------------------------------
 enum Kind { kAutomation, kElement, kArray, kWalker, kCondition, kPattern, kTextRange, kKindCount };
 const char* kindName(Kind kind);
@@ -57,7 +83,8 @@ struct NodeData {
     std::vector<Node*> describedBy;
     std::vector<Node*> flowsTo;
     int setFocusCalls = 0;
-    bool parentIsDesktop = false;  // a popup: reached from its owner, its parent is the desktop
+    HWND window = nullptr;  // a node made from a live window by ElementFromHandle (FakeUiaWindows.cpp)
+    bool parentIsDesktop = false;  // reportDesktopAsParent(): the parent step answers the desktop
 };
 
 struct Access {
@@ -114,6 +141,8 @@ struct State : std::enable_shared_from_this<State> {
     int connectionTimeoutPuts = 0;
     int transactionTimeoutPuts = 0;
     int nextAutomationSerial = 1;
+
+    std::map<HWND, Node*> windowNodes;  // the nodes made from live windows, by window
 
     std::vector<std::string> unsupported;
     std::vector<PROPERTYID> unmodeledReads;
@@ -211,6 +240,20 @@ Node* nodeOf(State& state, IUnknown* element);
 // Tree helpers (lock held).
 bool isDescendantLocked(Node* node, Node* ancestor);  // proper descendant
 void preorderLocked(Node* start, std::vector<Node*>& out);  // start and its subtree
+
+// --- nodes of live windows (FakeUiaWindows.cpp) -------------------------------------
+// The node of a window: the tree's node with that native window handle, the
+// root for the desktop window, else a node made from the window itself (kept
+// outside the children lists, made once per window); null if the handle
+// names no window. Lock held; sends no window messages.
+Node* nodeOfWindowLocked(State& state, HWND window);
+// For a node made from a window: S_OK after its properties were read afresh
+// from the window, kElementNotAvailable once the window is gone. S_OK for
+// every other node.
+HRESULT refreshWindowNodeLocked(Node* node);
+// The parent of a node made from a window: the node of its parent window, or
+// the root for a top-level window.
+Node* windowParentLocked(State& state, Node* node);
 
 // Method names accepted by the failure injection.
 bool isElementMethod(const std::string& name);

@@ -101,9 +101,11 @@ protected:
     template <class T, class F>
     HRESULT get(const char* method, T* out, F read) {
         if (!out) return E_POINTER;
-        *out = T{};
         HRESULT hr = enter(method);
-        if (hr != S_OK) return hr;
+        if (hr != S_OK) {
+            detail::poison(out);
+            return hr;
+        }
         std::lock_guard<std::mutex> lock(src_->mu);
         *out = static_cast<T>(read(*src_));
         return S_OK;
@@ -158,7 +160,7 @@ protected:
     template <class T>
     HRESULT cached(const char* method, T* out) {
         if (!out) return E_POINTER;
-        *out = T{};
+        detail::clearOrPoison(out);
         HRESULT hr = src_->injectedFailure(method);
         return hr != S_OK ? hr : kNotCached;
     }

@@ -420,6 +420,46 @@ TEST(FakeUia, RawWalkerNavigatesTheTree) {
     EXPECT_NO_REFERENCES(platform);
 }
 
+// A popup hung under the desktop is the desktop's first child in every step;
+// a provider that only reports the desktop as the parent keeps its node where it was.
+TEST(FakeUia, PopupsHangUnderTheDesktopInEveryStep) {
+    Mta mta;
+    fakeuia::Platform platform;
+    ASSERT_EQ(S_OK, platform.install());
+    Desktop d = buildDesktop(platform);
+    fakeuia::Node& popup = d.main->insert(0, {.controlType = UIA_ListControlTypeId, .name = L"Popup"});
+    popup.add({.controlType = UIA_ListItemControlTypeId, .name = L"Item"});
+    popup.hangUnderDesktop();
+    d.cancel->reportDesktopAsParent();
+    EXPECT_EQ(&platform.desktop(), popup.parent());
+    Ref<IUIAutomation> a;
+    createOrFail(a);
+    Ref<IUIAutomationTreeWalker> w;
+    ASSERT_EQ(S_OK, a->get_RawViewWalker(w.put()));
+    Ref<IUIAutomationElement> root, step, up;
+    ASSERT_EQ(S_OK, a->GetRootElement(root.put()));
+    ASSERT_EQ(S_OK, w->GetFirstChildElement(root.get(), step.put()));
+    EXPECT_EQ(L"Popup", nameOf(step.get()));
+    ASSERT_EQ(S_OK, w->GetParentElement(step.get(), up.put()));
+    EXPECT_EQ(L"Desktop", nameOf(up.get()));
+    ASSERT_EQ(S_OK, w->GetFirstChildElement(step.get(), up.put()));
+    EXPECT_EQ(L"Item", nameOf(up.get())) << "the subtree goes with it";
+    ASSERT_EQ(S_OK, w->GetNextSiblingElement(step.get(), up.put()));
+    EXPECT_EQ(L"Main", nameOf(up.get()));
+    ASSERT_EQ(S_OK, w->GetFirstChildElement(up.get(), step.put()));
+    EXPECT_EQ(L"OK", nameOf(step.get())) << "the owner's children no longer hold the popup";
+    Ref<IUIAutomationElement> cancel(findByName(a.get(), L"Cancel"));
+    ASSERT_EQ(S_OK, w->GetParentElement(cancel.get(), up.put()));
+    EXPECT_EQ(L"Desktop", nameOf(up.get()));
+    ASSERT_EQ(S_OK, w->GetPreviousSiblingElement(cancel.get(), up.put()));
+    EXPECT_EQ(L"OK", nameOf(up.get()));
+
+    for (auto* r : {&root, &step, &up, &cancel}) r->reset();
+    w.reset();
+    a.reset();
+    EXPECT_NO_REFERENCES(platform);
+}
+
 TEST(FakeUia, FindAllWithSubtreeIncludesTheRoot) {
     Mta mta;
     fakeuia::Platform platform;
@@ -600,7 +640,24 @@ TEST(FakeUia, FailureInjection) {
     EXPECT_EQ(E_ACCESSDENIED, ok->get_CurrentControlType(&type));
     EXPECT_EQ(E_ACCESSDENIED, ok2->get_CurrentControlType(&type));
     EXPECT_EQ(L"OK", nameOf(ok.get()));
-    d.ok->clearFailure("get_CurrentControlType");
+    // A failing read poisons its non-pointer outputs; a VARIANT stays empty.
+    EXPECT_EQ(fakeuia::poisoned<CONTROLTYPEID>(), type);
+    d.ok->fail("get_CurrentBoundingRectangle", E_FAIL);
+    d.ok->fail("get_CurrentIsEnabled", E_FAIL);
+    d.ok->fail("GetCurrentPropertyValue", E_FAIL);
+    RECT rect{};
+    BOOL enabled = TRUE;
+    VARIANT value;
+    VariantInit(&value);
+    EXPECT_EQ(E_FAIL, ok->get_CurrentBoundingRectangle(&rect));
+    EXPECT_EQ(fakeuia::poisoned<LONG>(), rect.left);
+    EXPECT_EQ(fakeuia::poisoned<LONG>(), rect.bottom);
+    EXPECT_EQ(E_FAIL, ok->get_CurrentIsEnabled(&enabled));
+    EXPECT_EQ(fakeuia::poisoned<BOOL>(), enabled);
+    EXPECT_EQ(E_FAIL, ok->GetCurrentPropertyValue(UIA_LevelPropertyId, &value));
+    EXPECT_EQ(VT_EMPTY, value.vt);
+    EXPECT_EQ(fakeuia::poisoned<LONG>(), value.lVal);
+    d.ok->clearFailures();
     EXPECT_EQ(S_OK, ok->get_CurrentControlType(&type));
     EXPECT_EQ(UIA_ButtonControlTypeId, type);
 

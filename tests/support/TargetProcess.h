@@ -1,5 +1,6 @@
 // The project's target program (tests/target), started beside a test as a
-// real process with top-level windows of the given titles.
+// real process with top-level windows of the given titles, or serving: making
+// windows on request, so that a test's windows live in another process.
 #pragma once
 
 #include <windows.h>
@@ -11,7 +12,33 @@ namespace dwtest {
 
 class TargetProcess {
 public:
-    explicit TargetProcess(const std::wstring& title) {
+    struct Serving {};
+
+    explicit TargetProcess(const std::wstring& title) { start(L"\"" + title + L"\"", false); }
+    explicit TargetProcess(Serving) { start(L"--serve", true); }
+
+    // A visible window of the target of a registered class ("DeskwrightTarget",
+    // "Edit", "Button", ...), a child of `parent` if given, with that text
+    // (UTF-8 on the way); null when it failed. Serving targets only.
+    HWND makeWindow(const std::wstring& className, const std::wstring& text, RECT bounds, HWND parent = nullptr) {
+        if (!requests_) return nullptr;
+        std::ostringstream request;
+        request << "make " << static_cast<void*>(parent) << ' ' << bounds.left << ' ' << bounds.top << ' '
+                << bounds.right - bounds.left << ' ' << bounds.bottom - bounds.top << ' ' << utf8(className) << ' '
+                << utf8(text) << '\n';
+        const std::string line = request.str();
+        DWORD written = 0;
+        if (!WriteFile(requests_, line.data(), static_cast<DWORD>(line.size()), &written, nullptr)) return nullptr;
+        std::string reply = readLine();
+        if (reply.compare(0, 5, "made ") != 0) return nullptr;
+        std::istringstream in(reply.substr(5));
+        void* handle = nullptr;
+        in >> handle;
+        return static_cast<HWND>(handle);
+    }
+
+private:
+    void start(const std::wstring& args, bool serving) {
         SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
         HANDLE readEnd = nullptr;
         HANDLE writeEnd = nullptr;
@@ -27,29 +54,71 @@ public:
         for (DWORD which : {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
             SetHandleInformation(GetStdHandle(which), HANDLE_FLAG_INHERIT, 0);
         }
-        std::wstring command = L"target.exe \"" + title + L"\"";
+        HANDLE inputRead = nullptr;
+        if (serving) {
+            CreatePipe(&inputRead, &requests_, &inherit, 0);
+            SetHandleInformation(requests_, HANDLE_FLAG_INHERIT, 0);
+            startup.hStdInput = inputRead;
+        }
+        std::wstring command = L"target.exe " + args;
         started_ = CreateProcessW(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
                                   &info_) != 0;
         CloseHandle(writeEnd);
-        if (started_) {
+        if (inputRead) CloseHandle(inputRead);
+        replies_ = readEnd;
+        if (started_ && serving) {
+            while (!ready_) {
+                const std::string line = readLine();
+                if (line.empty()) break;
+                ready_ = line == "ready";
+            }
+        } else if (started_) {
             readLines(readEnd);
         }
-        CloseHandle(readEnd);
+        if (!serving) {
+            CloseHandle(readEnd);
+            replies_ = nullptr;
+        }
     }
+
+public:
     ~TargetProcess() {
+        if (requests_) CloseHandle(requests_);
+        if (replies_) CloseHandle(replies_);
         if (started_) {
             TerminateProcess(info_.hProcess, 0);
             CloseHandle(info_.hProcess);
             CloseHandle(info_.hThread);
         }
     }
-    bool ready() const { return started_ && window_; }
+    bool ready() const { return started_ && (window_ || ready_); }
     DWORD pid() const { return info_.dwProcessId; }
     HWND window() const { return window_; }
     void kill() { TerminateProcess(info_.hProcess, 9); }
     HANDLE process() const { return info_.hProcess; }
 
 private:
+    static std::string utf8(const std::wstring& text) {
+        if (text.empty()) return std::string();
+        const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
+                                          nullptr);
+        std::string out(static_cast<size_t>(n > 0 ? n : 0), '\0');
+        if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
+        return out;
+    }
+
+    // One line of the serving target's output, without its end; empty at its end.
+    std::string readLine() {
+        std::string line;
+        char c = 0;
+        DWORD got = 0;
+        while (ReadFile(replies_, &c, 1, &got, nullptr) && got == 1) {
+            if (c == '\n') break;
+            if (c != '\r') line += c;
+        }
+        return line;
+    }
+
     // "pid N" then "window P": read until the window's line has come.
     void readLines(HANDLE pipe) {
         std::string text;
@@ -69,6 +138,9 @@ private:
 
     PROCESS_INFORMATION info_ = {};
     bool started_ = false;
+    bool ready_ = false;           // a serving target said "ready"
+    HANDLE requests_ = nullptr;    // its standard input, while serving
+    HANDLE replies_ = nullptr;     // its standard output, while serving
     HWND window_ = nullptr;
 };
 

@@ -1,0 +1,124 @@
+// The target's windows in another process, as with a real target: the
+// simulated tree's nodes name windows that the target program made, so the
+// driver's window messages (WM_GETTEXT, WM_SETTEXT, ...) cross the process
+// boundary, and attaching, hit tests and elements from handles meet real
+// windows of a real process.
+#include "DriverTest.h"
+#include "TargetProcess.h"
+
+#include <algorithm>
+
+using dwtest::DriverTest;
+using dwtest::TargetProcess;
+
+namespace {
+
+class CrossProcess : public DriverTest {
+protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        ASSERT_TRUE(target.ready()) << "the target program did not start";
+        main = target.makeWindow(L"DeskwrightTarget", L"Remote main", {100, 100, 500, 400});
+        ASSERT_NE(nullptr, main);
+        edit = target.makeWindow(L"Edit", L"remote text", {10, 10, 210, 40}, main);
+        button = target.makeWindow(L"Button", L"Press", {10, 60, 110, 90}, main);
+        ASSERT_TRUE(edit && button);
+        // The window's own name is empty in the tree: the driver asks the window.
+        mainNode = &platform->desktop().add(specOf(main, UIA_WindowControlTypeId, L""));
+        mainNode->add(specOf(edit, UIA_EditControlTypeId, L"remote text"));
+        mainNode->add(specOf(button, UIA_ButtonControlTypeId, L"Press"));
+    }
+    fakeuia::NodeSpec specOf(HWND window, CONTROLTYPEID type, const std::wstring& name) {
+        fakeuia::NodeSpec spec;
+        spec.controlType = type;
+        spec.name = name;
+        wchar_t className[256] = {};
+        GetClassNameW(window, className, 256);
+        spec.className = className;
+        spec.processId = static_cast<int>(target.pid());
+        GetWindowRect(window, &spec.bounds);
+        spec.nativeWindowHandle = window;
+        return spec;
+    }
+    jlong java(HWND window) { return static_cast<jlong>(reinterpret_cast<std::intptr_t>(window)); }
+    std::wstring text(jstring value) { return host->isNull(value) ? L"<null>" : host->text(value); }
+    std::wstring attr(jlong handle, const wchar_t* name) {
+        return text(native<jstring>("GetAttribute", handle, host->str(name)));
+    }
+    void attachByPid() {
+        ASSERT_EQ(static_cast<jint>(target.pid()),
+                  attach(L"-pid " + std::to_wstring(target.pid()), 5000));
+        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000)) << "no onConnect";
+    }
+
+    TargetProcess target{TargetProcess::Serving{}};
+    HWND main = nullptr;
+    HWND edit = nullptr;
+    HWND button = nullptr;
+    fakeuia::Node* mainNode = nullptr;
+};
+
+}  // namespace
+
+TEST_F(CrossProcess, AttachFindsTheTargetByPidTitleAndClass) {
+    const jint pid = static_cast<jint>(target.pid());
+    for (const std::wstring& args : {L"-pid " + std::to_wstring(pid), std::wstring(L"Remote m.*"),
+                                     std::wstring(L"-class 'DeskwrightT.*'")}) {
+        EXPECT_EQ(pid, attach(args, 5000)) << std::string(args.begin(), args.end());
+        detachAndWait();
+    }
+}
+
+TEST_F(CrossProcess, WindowNativesReachTheOtherProcess) {
+    EXPECT_EQ(L"remote text", text(native<jstring>("GetWindowText", java(edit))));
+    EXPECT_EQ(L"Edit", text(native<jstring>("GetWindowClassName", java(edit))));
+    EXPECT_EQ(11, native<jint>("SendMessage", java(edit), jint{WM_GETTEXTLENGTH}, jlong{0}, jlong{0}));
+    EXPECT_NE(0, native<jint>("GetWindowLong", java(main), jint{GWL_STYLE}) & WS_VISIBLE);
+
+    EXPECT_EQ(JNI_TRUE, native<jboolean>("SetWindowText", java(main), host->str(L"Renamed")));
+    wchar_t seen[64] = {};
+    InternalGetWindowText(main, seen, 64);
+    EXPECT_EQ(std::wstring(L"Renamed"), seen) << "the target's window has the new text";
+    EXPECT_EQ(L"Renamed", text(native<jstring>("GetWindowText", java(main))));
+    EXPECT_EQ("", dwtest::pendingException(*host));
+}
+
+TEST_F(CrossProcess, ElementsNameTheirRemoteWindows) {
+    attachByPid();
+    std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
+    ASSERT_EQ(1u, tops.size());
+    EXPECT_EQ(java(main), native<jlong>("GetNativeHandle", tops[0]));
+    EXPECT_EQ(L"Remote main", attr(tops[0], L"name")) << "the name from the window's text";
+    EXPECT_EQ(std::to_wstring(GetWindowLongW(main, GWL_STYLE)), attr(tops[0], L"windowstyle"));
+
+    RECT rect{};
+    GetWindowRect(button, &rect);
+    const jlong hit = native<jlong>("GetElementFromPoint", jint((rect.left + rect.right) / 2),
+                                    jint((rect.top + rect.bottom) / 2));
+    ASSERT_NE(0, hit);
+    EXPECT_EQ(java(button), native<jlong>("GetNativeHandle", hit));
+    EXPECT_EQ(L"Button", text(native<jstring>("GetClassName", hit)));
+    EXPECT_EQ("", dwtest::pendingException(*host));
+}
+
+// Looking windows up through the window system gives elements of windows that
+// the tree doesn't name too, made from the windows themselves.
+TEST_F(CrossProcess, WindowsWithoutNodesAreElementsOfTheirHandles) {
+    HWND plain = target.makeWindow(L"DeskwrightTarget", L"Unmodelled", {150, 150, 450, 350});
+    ASSERT_NE(nullptr, plain);
+    SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
+    attachByPid();
+    std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
+    ASSERT_EQ(2u, tops.size());
+    std::vector<jlong> windows;
+    for (jlong top : tops) windows.push_back(native<jlong>("GetNativeHandle", top));
+    const auto at = std::find(windows.begin(), windows.end(), java(plain));
+    ASSERT_NE(windows.end(), at) << "no element for the window without a node";
+    const jlong element = tops[static_cast<size_t>(at - windows.begin())];
+    EXPECT_EQ(L"Unmodelled", attr(element, L"name"));
+    EXPECT_EQ(L"DeskwrightTarget", text(native<jstring>("GetClassName", element)));
+    EXPECT_EQ(std::to_wstring(target.pid()), attr(element, L"pid"));
+    EXPECT_NE(windows.end(), std::find(windows.begin(), windows.end(), java(main)));
+    SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", nullptr);
+    EXPECT_EQ("", dwtest::pendingException(*host));
+}
