@@ -4,6 +4,7 @@
 
 #include "bridge/Array.h"
 #include "bridge/Handles.h"
+#include "uiahelper/Owners.h"
 
 #include <uiautomation.h>
 #include <windows.h>
@@ -85,12 +86,12 @@ public:
 
 private:
     Uia();
-    HANDLE startDispatchThread();  // 0 on failure, logged
+    UniqueHandle startDispatchThread();  // empty on failure, logged
     // Gives the automation object up at the end of the dispatch thread; waits,
     // bounded, for the Java threads still using it.
     void releaseAutomation();
 
-    HANDLE dispatchThread_ = nullptr;  // the last one started, until seen ended
+    UniqueHandle dispatchThread_;  // the last one started, until seen ended
 };
 
 }  // namespace tolva

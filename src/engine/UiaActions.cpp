@@ -156,14 +156,13 @@ void Uia::enableCheckMode(bool enable, std::int32_t mode) {
 void Uia::enableRecordingMode(bool enable, std::int32_t mode) {
     TOLVA_LOG(logger, 7, "enable: " << enable << ", mode: " << mode);
     if (enable && overlayThreadId == 0) {
-        auto thread = reinterpret_cast<HANDLE>(
-            _beginthreadex(nullptr, OVERLAY_STACK_SIZE, &overlayThreadProc, this, 0, nullptr));
+        const UniqueHandle thread(reinterpret_cast<HANDLE>(
+            _beginthreadex(nullptr, OVERLAY_STACK_SIZE, &overlayThreadProc, this, 0, nullptr)));
         if (!thread) {
             TOLVA_LOG(logger, 1, "Overlay thread not started: " << errno);
             return;
         }
-        overlayThreadId = GetThreadId(thread);
-        CloseHandle(thread);
+        overlayThreadId = GetThreadId(thread.get());
         recording = true;
         return;
     }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 
 using namespace tolva;
@@ -40,10 +41,8 @@ TEST(UiaEventQueue, QuietQueueMakesOneIdleEntryEveryTwoSeconds) {
     const ULONGLONG start = GetTickCount64();
     std::vector<ULONGLONG> idle;
     while (idle.size() < 2) {
-        UiaEvent* event = owner.queue().next();
-        EXPECT_EQ(UIA_EVENT_IDLE, event->id);
+        EXPECT_EQ(UIA_EVENT_IDLE, owner.queue().next()->id);
         idle.push_back(GetTickCount64() - start);
-        delete event;
     }
     EXPECT_GE(idle[0], 1900u);
     EXPECT_LT(idle[0], 2600u);
@@ -53,14 +52,10 @@ TEST(UiaEventQueue, QuietQueueMakesOneIdleEntryEveryTwoSeconds) {
 
 TEST(UiaEventQueue, EntriesComeOutFirstInFirstOut) {
     QueueOnThisThread owner;
-    owner.queue().post(new UiaEvent(UIA_EVENT_TRIGGER));
-    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
-    UiaEvent* first = owner.queue().next();
-    UiaEvent* second = owner.queue().next();
-    EXPECT_EQ(UIA_EVENT_TRIGGER, first->id);
-    EXPECT_EQ(UIA_EVENT_QUIT, second->id);
-    delete first;
-    delete second;
+    owner.queue().post(std::make_unique<UiaEvent>(UIA_EVENT_TRIGGER));
+    owner.queue().post(std::make_unique<UiaEvent>(UIA_EVENT_QUIT));
+    EXPECT_EQ(UIA_EVENT_TRIGGER, owner.queue().next()->id);
+    EXPECT_EQ(UIA_EVENT_QUIT, owner.queue().next()->id);
 }
 
 TEST(UiaEventQueue, InvokeNowOnTheDispatchThreadRunsAtOnceAndDeletesTheRunner) {
@@ -71,10 +66,8 @@ TEST(UiaEventQueue, InvokeNowOnTheDispatchThreadRunsAtOnceAndDeletesTheRunner) {
     EXPECT_EQ(1, runs.load());
     EXPECT_EQ(1, deleted.load());
     // Nothing went through the queue: the next entry is the idle marker.
-    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
-    UiaEvent* next = owner.queue().next();
-    EXPECT_EQ(UIA_EVENT_QUIT, next->id);
-    delete next;
+    owner.queue().post(std::make_unique<UiaEvent>(UIA_EVENT_QUIT));
+    EXPECT_EQ(UIA_EVENT_QUIT, owner.queue().next()->id);
 }
 
 TEST(UiaEventQueue, InvokeNowFromAnotherThreadWaitsForTheDispatchThread) {
@@ -83,12 +76,12 @@ TEST(UiaEventQueue, InvokeNowFromAnotherThreadWaitsForTheDispatchThread) {
     std::atomic<int> deleted{0};
     std::atomic<std::int32_t> result{0};
     std::thread caller([&] { result = owner.queue().invokeNow(new CountingRunner(runs, deleted, 7)); });
-    UiaEvent* event = owner.queue().next();
+    QueueEntry event = owner.queue().next();
     ASSERT_EQ(UIA_EVENT_RUN_NOW, event->id);
-    auto* run = static_cast<UiaRunEvent*>(event);
+    auto* run = static_cast<UiaRunEvent*>(event.get());
     EXPECT_EQ(0, result.load()) << "the caller still waits";
     run->result = (*run->runner)();
-    SetEvent(run->doneEvent);  // the event belongs to the waiting caller
+    event.reset();  // hands the event back to the waiting caller
     caller.join();
     EXPECT_EQ(7, result.load());
     EXPECT_EQ(1, deleted.load());
@@ -100,14 +93,14 @@ TEST(UiaEventQueue, InvokeLaterHandsTheRunnerToTheQueue) {
     std::atomic<int> deleted{0};
     owner.queue().invokeLater(new CountingRunner(runs, deleted, 1));
     owner.queue().invokeLaterQuiet(new CountingRunner(runs, deleted, 1));
-    UiaEvent* loud = owner.queue().next();
-    UiaEvent* quiet = owner.queue().next();
+    QueueEntry loud = owner.queue().next();
+    QueueEntry quiet = owner.queue().next();
     EXPECT_EQ(UIA_EVENT_RUN_LATER, loud->id);
-    EXPECT_FALSE(static_cast<UiaRunEvent*>(loud)->quiet);
-    EXPECT_TRUE(static_cast<UiaRunEvent*>(quiet)->quiet);
+    EXPECT_FALSE(static_cast<UiaRunEvent*>(loud.get())->quiet);
+    EXPECT_TRUE(static_cast<UiaRunEvent*>(quiet.get())->quiet);
     EXPECT_EQ(0, deleted.load());
-    delete loud;
-    delete quiet;
+    loud.reset();
+    quiet.reset();
     EXPECT_EQ(2, deleted.load());
     EXPECT_EQ(0, runs.load());
 }
@@ -155,7 +148,7 @@ TEST(UiaEventQueue, APosterThatGotTheQueueBeforeItsEndIsTurnedAway) {
     EXPECT_EQ(0, result.load());
     caller.join();
     queue->invokeLater(new CountingRunner(runs, deleted, 7));
-    queue->post(new UiaEvent(UIA_EVENT_QUIT));
+    queue->post(std::make_unique<UiaEvent>(UIA_EVENT_QUIT));
     EXPECT_EQ(0, runs.load());
     EXPECT_EQ(2, deleted.load());
 }
