@@ -4,6 +4,8 @@
 // except setJavaCallbackObject runs on the one attached thread.
 #pragma once
 
+#include "bridge/GlobalRef.h"
+
 #include <jni.h>
 
 #include <cstdint>
@@ -71,7 +73,7 @@ private:
 
     JavaVM* javaVM_ = nullptr;
     JNIEnv* env_ = nullptr;
-    jobject callback_ = nullptr;
+    GlobalRef<jobject> callback_;
     jmethodID filterMethod_ = nullptr;
     bool timestamped_ = true;
 };
