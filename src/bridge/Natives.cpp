@@ -16,6 +16,7 @@
 #include "uiahelper/UiaHelper.h"
 
 #include <array>
+#include <atomic>
 #include <type_traits>
 
 #define NATIVE(name) Java_net_tolva_apps_cuebench_client_win_deskwright_DefaultDeskwright_##name
@@ -28,7 +29,7 @@ Logger& logger = Log::getLogger("tolva.deskwright");
 
 // Set by the first AttachUiaClient and never cleared: from then on every
 // routed native goes to the automation back end.
-volatile bool useUia = false;
+std::atomic<bool> useUia{false};
 
 const char* const INVALID_HANDLE_EXCEPTION = "net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException";
 

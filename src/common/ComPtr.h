@@ -17,11 +17,17 @@ template <class T>
 class ComPtr {
 public:
     ComPtr() = default;
+    ComPtr(std::nullptr_t) {}
     // Takes over a reference that the caller owns.
     static ComPtr attach(T* raw) {
         ComPtr p;
         p.ptr_ = raw;
         return p;
+    }
+    // Takes a reference of its own on a borrowed pointer.
+    static ComPtr share(T* raw) {
+        if (raw) raw->AddRef();
+        return attach(raw);
     }
     ComPtr(const ComPtr& other) : ptr_(other.ptr_) {
         if (ptr_) ptr_->AddRef();
@@ -45,6 +51,15 @@ public:
     void reset() {
         if (ptr_) std::exchange(ptr_, nullptr)->Release();
     }
+    // Asks the object for another of its interfaces; empty if it has none.
+    template <class U>
+    ComPtr<U> query(REFIID iid) const {
+        ComPtr<U> other;
+        if (ptr_ && FAILED(ptr_->QueryInterface(iid, reinterpret_cast<void**>(other.put())))) {
+            other.reset();
+        }
+        return other;
+    }
 
 private:
     T* ptr_ = nullptr;
@@ -53,6 +68,8 @@ private:
 class Bstr {
 public:
     Bstr() = default;
+    // A copy of the text, embedded nulls included; null if there is no memory.
+    explicit Bstr(const std::wstring& text) : str_(SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
     Bstr(const Bstr&) = delete;
     Bstr& operator=(const Bstr&) = delete;
     ~Bstr() { SysFreeString(str_); }
@@ -63,6 +80,8 @@ public:
         return &str_;
     }
     BSTR get() const { return str_; }
+    // Hands the string to the caller, who frees it with SysFreeString.
+    BSTR release() { return std::exchange(str_, nullptr); }
     // The text; empty for a null BSTR.
     std::wstring text() const { return str_ ? std::wstring(str_, SysStringLen(str_)) : std::wstring(); }
 
@@ -75,6 +94,16 @@ private:
 class Variant {
 public:
     Variant() { VariantInit(&var_); }
+    // VT_BSTR with a copy of the text (a null string if there is no memory).
+    explicit Variant(const std::wstring& text) : Variant() {
+        var_.vt = VT_BSTR;
+        var_.bstrVal = Bstr(text).release();
+    }
+    // VT_I4.
+    explicit Variant(LONG value) : Variant() {
+        var_.vt = VT_I4;
+        var_.lVal = value;
+    }
     Variant(const Variant&) = delete;
     Variant& operator=(const Variant&) = delete;
     ~Variant() { VariantClear(&var_); }
@@ -86,6 +115,11 @@ public:
         return &var_;
     }
     const VARIANT& get() const { return var_; }
+    // The string member if the value is a string, else empty.
+    std::wstring text() const {
+        return var_.vt == VT_BSTR && var_.bstrVal ? std::wstring(var_.bstrVal, SysStringLen(var_.bstrVal))
+                                                  : std::wstring();
+    }
 
 private:
     VARIANT var_{};

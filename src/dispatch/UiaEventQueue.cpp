@@ -3,6 +3,7 @@
 #include "common/Logging.h"
 
 #include <mutex>
+#include <utility>
 
 namespace tolva {
 
@@ -28,10 +29,11 @@ UiaRunEvent::UiaRunEvent(Runnable* runner, bool runNow, bool quiet)
       doneEvent(runNow ? CreateEventW(nullptr, FALSE, FALSE, nullptr) : nullptr),
       quiet(quiet) {}
 
-UiaRunEvent::~UiaRunEvent() {
-    delete runner;
-    if (doneEvent) {
-        CloseHandle(doneEvent);
+void HandBack::operator()(UiaEvent* event) const {
+    if (event->id == UIA_EVENT_RUN_NOW) {
+        SetEvent(static_cast<UiaRunEvent*>(event)->doneEvent.get());
+    } else {
+        delete event;
     }
 }
 
@@ -43,7 +45,6 @@ UiaEventQueue::UiaEventQueue(DWORD threadId)
 UiaEventQueue::~UiaEventQueue() {
     // end() has emptied the queue; entries that came later were turned away.
     DeleteCriticalSection(&lock_);
-    CloseHandle(wakeEvent_);
 }
 
 void UiaEventQueue::create(DWORD threadId) {
@@ -81,55 +82,48 @@ void UiaEventQueue::destroy() {
 }
 
 void UiaEventQueue::end() {
-    std::deque<UiaEvent*> left;
+    std::deque<QueueEntry> left;  // waiting callers get the default result
     EnterCriticalSection(&lock_);
     ended_ = true;
     left.swap(entries_);
     LeaveCriticalSection(&lock_);
     TOLVA_LOG(logger, 9, "left: " << left.size());
-    for (UiaEvent* event : left) {
-        if (event->id == UIA_EVENT_RUN_NOW) {
-            // Belongs to its waiting caller, who gets the default result.
-            SetEvent(static_cast<UiaRunEvent*>(event)->doneEvent);
-        } else {
-            delete event;
-        }
-    }
 }
 
-bool UiaEventQueue::enqueue(UiaEvent* event) {
+bool UiaEventQueue::enqueue(QueueEntry& entry) {
     EnterCriticalSection(&lock_);
     const bool taken = !ended_;
     if (taken) {
-        entries_.push_back(event);
-        SetEvent(wakeEvent_);
+        entries_.push_back(std::move(entry));
+        SetEvent(wakeEvent_.get());
     }
     LeaveCriticalSection(&lock_);
     return taken;
 }
 
-void UiaEventQueue::post(UiaEvent* event) {
-    if (!enqueue(event)) {
-        TOLVA_LOG(logger, 9, "ended, dropped: " << event->id);
-        delete event;
+void UiaEventQueue::post(std::unique_ptr<UiaEvent> event) {
+    QueueEntry entry(event.release());
+    if (!enqueue(entry)) {
+        TOLVA_LOG(logger, 9, "ended, dropped: " << entry->id);
     }
 }
 
-UiaEvent* UiaEventQueue::next() {
+QueueEntry UiaEventQueue::next() {
     EnterCriticalSection(&lock_);
     for (;;) {
         if (!entries_.empty()) {
-            UiaEvent* event = entries_.front();
+            QueueEntry event = std::move(entries_.front());
             entries_.pop_front();
             LeaveCriticalSection(&lock_);
             return event;
         }
         LeaveCriticalSection(&lock_);
-        DWORD waited = MsgWaitForMultipleObjects(1, &wakeEvent_, FALSE, IDLE_WAIT_MS, WAKE_MASK);
+        HANDLE wake = wakeEvent_.get();
+        DWORD waited = MsgWaitForMultipleObjects(1, &wake, FALSE, IDLE_WAIT_MS, WAKE_MASK);
         if (waited == WAIT_TIMEOUT) {
-            auto* idle = new UiaEvent(UIA_EVENT_IDLE);
+            QueueEntry idle(new UiaEvent(UIA_EVENT_IDLE));
             EnterCriticalSection(&lock_);
-            entries_.push_back(idle);
+            entries_.push_back(std::move(idle));
             LeaveCriticalSection(&lock_);
         } else {
             MSG msg;
@@ -144,11 +138,11 @@ UiaEvent* UiaEventQueue::next() {
 
 void UiaEventQueue::invokeLater(Runnable* runner) {
     TOLVA_LOG(logger, 7, "runner: " << static_cast<void*>(runner));
-    post(new UiaRunEvent(runner, false, false));
+    post(std::make_unique<UiaRunEvent>(runner, false, false));
 }
 
 void UiaEventQueue::invokeLaterQuiet(Runnable* runner) {
-    post(new UiaRunEvent(runner, false, true));
+    post(std::make_unique<UiaRunEvent>(runner, false, true));
 }
 
 std::int32_t UiaEventQueue::invokeNow(Runnable* runner) {
@@ -157,10 +151,15 @@ std::int32_t UiaEventQueue::invokeNow(Runnable* runner) {
     if (GetCurrentThreadId() == threadId_) {
         // On the dispatch thread itself: run at once, nothing to wait for.
         event.result = (*runner)();
-    } else if (enqueue(&event)) {
-        // Ends when the work has run, or unrun when the queue ends.
-        WaitForSingleObject(event.doneEvent, INFINITE);
+        return event.result;
+    }
+    // The queue holds the event, which stays this caller's, until it hands it
+    // back: after the work has run, or unrun when the queue ends.
+    QueueEntry entry(&event);
+    if (enqueue(entry)) {
+        WaitForSingleObject(event.doneEvent.get(), INFINITE);
     } else {
+        entry.release();  // never queued: nothing to hand back
         TOLVA_LOG(logger, 5, "ended, not run: " << static_cast<void*>(runner));
     }
     return event.result;

@@ -6,6 +6,7 @@
 // it likes; an ended queue turns its work away at once.
 #pragma once
 
+#include "common/Owners.h"
 #include "dispatch/Runnable.h"
 
 #include <windows.h>
@@ -38,14 +39,22 @@ public:
 
 class UiaRunEvent : public UiaEvent {
 public:
+    // Takes the runner.
     UiaRunEvent(Runnable* runner, bool runNow, bool quiet);
-    ~UiaRunEvent() override;
 
-    Runnable* runner;    // owned
-    HANDLE doneEvent;    // run-now only: auto-reset, signalled when the work is done
-    bool quiet;          // no trace line in the dispatch loop
+    std::unique_ptr<Runnable> runner;
+    UniqueHandle doneEvent;  // run-now only: auto-reset, signalled when the work is done
+    bool quiet;              // no trace line in the dispatch loop
     std::int32_t result = 0;
 };
+
+// What becomes of an entry that leaves the queue: a run-now event belongs to
+// its waiting caller and goes back to it (signalled, and never touched again);
+// any other entry is deleted.
+struct HandBack {
+    void operator()(UiaEvent* event) const;
+};
+using QueueEntry = std::unique_ptr<UiaEvent, HandBack>;
 
 class UiaEventQueue {
 public:
@@ -55,10 +64,11 @@ public:
     // Ends the current queue (see above) and forgets it; dispatch thread.
     static void destroy();
 
-    // Takes ownership; an ended queue deletes the event unrun.
-    void post(UiaEvent* event);
-    UiaEvent* next();  // dispatch thread; ownership to the caller
+    // An ended queue deletes the event unrun.
+    void post(std::unique_ptr<UiaEvent> event);
+    QueueEntry next();  // dispatch thread
 
+    // Each takes the runner; an ended queue deletes it unrun.
     void invokeLater(Runnable* runner);
     void invokeLaterQuiet(Runnable* runner);
     // The runner's result; 0 if the queue has ended before the runner ran.
@@ -69,12 +79,12 @@ public:
 private:
     explicit UiaEventQueue(DWORD threadId);
     ~UiaEventQueue();
-    bool enqueue(UiaEvent* event);  // false, with the event untouched, once ended
+    bool enqueue(QueueEntry& entry);  // false, with the entry untouched, once ended
     void end();
 
-    std::deque<UiaEvent*> entries_;
+    std::deque<QueueEntry> entries_;
     CRITICAL_SECTION lock_;
-    HANDLE wakeEvent_;
+    UniqueHandle wakeEvent_;
     DWORD threadId_;
     bool ended_ = false;  // guarded by lock_
 };

@@ -203,9 +203,8 @@ wchar_t* UiaControl::getAttribute(const std::wstring& attribute) {
              UiaHelper::ElementList headers = UiaHelper::GetColumnHeaders(r.element);
              std::wstring joined;
              for (std::size_t i = 0; i < headers.size(); ++i) {
-                 joined += (i > 0 ? L"," : L"") + handleText(getControl(headers[i], std::wstring(), nullptr));
+                 joined += (i > 0 ? L"," : L"") + handleText(getControl(headers[i].get(), std::wstring(), nullptr));
              }
-             UiaHelper::ReleaseElements(headers);
              return newText(joined);
          }},
         {L"text", text(UiaHelper::GetControlText)},
@@ -271,11 +270,8 @@ wchar_t* UiaControl::getGridItem(IUIAutomationElement* element, const std::wstri
     }
     const int column = _wtoi(columnDigits.c_str());
     const int row = _wtoi(rowDigits.c_str());
-    IUIAutomationElement* item = UiaHelper::GetGridItem(element, column, row);
-    UiaControl* control = getControl(item, std::wstring(), nullptr);
-    if (item) {
-        item->Release();
-    }
+    const UiaHelper::ElementPtr item = UiaHelper::ElementPtr::attach(UiaHelper::GetGridItem(element, column, row));
+    UiaControl* control = getControl(item.get(), std::wstring(), nullptr);
     return newText(handleText(control));
 }
 
@@ -364,11 +360,11 @@ IUIAutomationElement* UiaControl::getParent() {
 Array<std::intptr_t> UiaControl::controlsOf(UiaHelper::ElementList& elements, UiaControl* parent) {
     Array<std::intptr_t> controls(static_cast<std::int32_t>(elements.size()));
     for (std::size_t i = 0; i < elements.size(); ++i) {
-        UiaControl* control = getControl(elements[i], std::wstring(), parent);
+        UiaControl* control = getControl(elements[i].get(), std::wstring(), parent);
         controls[static_cast<std::int32_t>(i)] = reinterpret_cast<std::intptr_t>(control);
         TOLVA_LOG(logger, 9, "c: " << static_cast<void*>(control));
     }
-    UiaHelper::ReleaseElements(elements);
+    elements.clear();
     return controls;
 }
 
@@ -382,15 +378,12 @@ Array<std::intptr_t> UiaControl::getToplevels(int pid, bool viaHwnd, std::wstrin
             TOLVA_LOG(logger, 1, pattern.error());
         }
         for (std::size_t i = 0; i < windows.size();) {
-            const std::wstring windowClass = UiaHelper::GetControlClassName(windows[i]);
+            const std::wstring windowClass = UiaHelper::GetControlClassName(windows[i].get());
             if (pattern.matches(windowClass)) {
                 ++i;
                 continue;
             }
             TOLVA_LOG(logger, 9, "omit " << windowClass);
-            if (windows[i]) {
-                windows[i]->Release();
-            }
             windows.erase(windows.begin() + static_cast<std::ptrdiff_t>(i));
         }
     }
@@ -400,8 +393,6 @@ Array<std::intptr_t> UiaControl::getToplevels(int pid, bool viaHwnd, std::wstrin
 Array<std::intptr_t> UiaControl::getElementsByProperty(const std::wstring& property, const std::wstring& value) {
     TOLVA_LOG(logger, 7, *this << ", name: " << property << ", value: " << value);
     PROPERTYID id = 0;
-    VARIANT wanted;
-    VariantInit(&wanted);
     if (property == L"desc") {
         id = UIA_FullDescriptionPropertyId;
     } else if (property == L"id") {
@@ -410,19 +401,16 @@ Array<std::intptr_t> UiaControl::getElementsByProperty(const std::wstring& prope
         id = UIA_NamePropertyId;
     } else if (property == L"type") {
         id = UIA_ControlTypePropertyId;
-        wanted.vt = VT_I4;
-        wanted.lVal = UiaHelper::ControlTypeIdFromName(value);
     } else {
         TOLVA_LOG(logger, 3, property << " not supported");
         return Array<std::intptr_t>();
     }
+    const Variant wanted = id == UIA_ControlTypePropertyId
+                               ? Variant(static_cast<LONG>(UiaHelper::ControlTypeIdFromName(value)))
+                               : Variant(value);
     const ComPtr<IUIAutomationElement> element = getElement();
-    if (wanted.vt == VT_EMPTY) {
-        wanted.vt = VT_BSTR;
-        wanted.bstrVal = SysAllocStringLen(value.data(), static_cast<UINT>(value.size()));
-    }
-    UiaHelper::ElementList found = UiaHelper::GetElementsByProperty(element.get(), id, wanted, TreeScope_Subtree);
-    VariantClear(&wanted);
+    UiaHelper::ElementList found =
+        UiaHelper::GetElementsByProperty(element.get(), id, wanted.get(), TreeScope_Subtree);
     return controlsOf(found, nullptr);
 }
 

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <ostream>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace tolva {
@@ -56,11 +57,11 @@ std::string narrow(const std::wstring& text) {
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, const UiaControl& control) {
-    IUIAutomationElement* element = nullptr;
+    IUIAutomationElement* element = nullptr;  // only its address is written
     std::wstring name;
     {
         std::lock_guard<std::mutex> guard(control.lock_);
-        element = control.element_;
+        element = control.element_.get();
         name = control.name_;
     }
     out << narrow(control.type) << "@" << std::hex << reinterpret_cast<std::uintptr_t>(&control) << "<el="
@@ -96,13 +97,11 @@ void UiaControl::dropUse() {
     }
 }
 
-UiaControl::UiaControl(IUIAutomationElement* newElement) {
-    element_ = newElement;
+UiaControl::UiaControl(IUIAutomationElement* newElement) : element_(ComPtr<IUIAutomationElement>::share(newElement)) {
     if (!newElement) {
         TOLVA_LOG(logger, 3, "No element");
         return;
     }
-    newElement->AddRef();
     HRESULT hr = UiaHelper::GetControlType(newElement, type);
     if (FAILED(hr)) {
         type.clear();
@@ -116,9 +115,6 @@ UiaControl::UiaControl(IUIAutomationElement* newElement) {
 
 UiaControl::~UiaControl() {
     TOLVA_LOG(logger, 7, *this);
-    if (element_) {
-        element_->Release();
-    }
 }
 
 void UiaControl::setElement(IUIAutomationElement* newElement) {
@@ -126,24 +122,18 @@ void UiaControl::setElement(IUIAutomationElement* newElement) {
         TOLVA_LOG(logger, 3, "No element");
         return;
     }
-    newElement->AddRef();  // first: the new and the old may be one object
-    IUIAutomationElement* old = nullptr;
+    // The reference is taken first (the new and the old may be one object),
+    // and the old one given up outside the lock.
+    ComPtr<IUIAutomationElement> taken = ComPtr<IUIAutomationElement>::share(newElement);
     {
         std::lock_guard<std::mutex> guard(lock_);
-        old = element_;
-        element_ = newElement;
-    }
-    if (old) {
-        old->Release();
+        std::swap(element_, taken);
     }
 }
 
 ComPtr<IUIAutomationElement> UiaControl::getElement() const {
     std::lock_guard<std::mutex> guard(lock_);
-    if (element_) {
-        element_->AddRef();
-    }
-    return ComPtr<IUIAutomationElement>::attach(element_);
+    return element_;
 }
 
 void UiaControl::cacheName(const std::wstring& full) {

@@ -97,7 +97,7 @@ public:
     // only those whose window class matches the pattern as a whole.
     static Array<std::intptr_t> getToplevels(int pid, bool viaHwnd, std::wstring classPattern);
     // Controls of elements, in order (0 for an element that can't be one);
-    // releases the elements.
+    // empties the list.
     static Array<std::intptr_t> controlsOf(UiaHelper::ElementList& elements, UiaControl* parent);
 
     // The current element with a reference for the caller (null only for a
@@ -124,8 +124,8 @@ private:
     static std::wstring noIdKeyPart(IUIAutomationElement* element, const std::wstring& type, UiaControl* parent,
                                     std::wstring& name);
 
-    mutable std::mutex lock_;                  // guards element and name
-    IUIAutomationElement* element_ = nullptr;  // one counted reference, owned
+    mutable std::mutex lock_;  // guards element and name
+    ComPtr<IUIAutomationElement> element_;
     std::wstring name_;  // at most 16 characters, "..." when the full name was longer
     std::wstring key_;   // the key it was made under; set before it enters the table
     // The table's ownership (1 while the control stands in it) and the uses

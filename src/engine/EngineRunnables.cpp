@@ -45,26 +45,23 @@ std::int32_t Terminator::operator()() {
 std::int32_t ProcessByPidFinder::operator()() {
     UiaHelper::ElementList windows =
         viaHwnd_ ? UiaHelper::GetToplevelsForPidViaHWND(pid_) : UiaHelper::GetToplevelsForPid(pid_);
-    const bool found = !windows.empty();
-    UiaHelper::ReleaseElements(windows);
-    return found ? 1 : 0;
+    return windows.empty() ? 0 : 1;
 }
 
 // The first window whose name matches and that wasn't there before the
 // target started.
-static IUIAutomationElement* NewWindowByTitle(const std::wstring& title, const std::vector<HWND>& existing) {
-    UiaHelper::ElementList windows = UiaHelper::GetElementsByTypeAndName(nullptr, L"", title, false, TreeScope_Children);
-    IUIAutomationElement* chosen = nullptr;
-    for (IUIAutomationElement* window : windows) {
-        HWND hwnd = UiaHelper::GetControlHwnd(window);
-        TOLVA_LOG(titleLogger, 9, static_cast<void*>(window) << ", hWnd:" << static_cast<void*>(hwnd));
+static UiaHelper::ElementPtr NewWindowByTitle(const std::wstring& title, const std::vector<HWND>& existing) {
+    const UiaHelper::ElementList windows =
+        UiaHelper::GetElementsByTypeAndName(nullptr, L"", title, false, TreeScope_Children);
+    UiaHelper::ElementPtr chosen;
+    for (const UiaHelper::ElementPtr& window : windows) {
+        HWND hwnd = UiaHelper::GetControlHwnd(window.get());
+        TOLVA_LOG(titleLogger, 9, static_cast<void*>(window.get()) << ", hWnd:" << static_cast<void*>(hwnd));
         if (!chosen && std::find(existing.begin(), existing.end(), hwnd) == existing.end()) {
-            TOLVA_LOG(titleLogger, 9, "found new win: " << static_cast<void*>(window));
-            window->AddRef();
+            TOLVA_LOG(titleLogger, 9, "found new win: " << static_cast<void*>(window.get()));
             chosen = window;
         }
     }
-    UiaHelper::ReleaseElements(windows);
     return chosen;
 }
 
@@ -76,13 +73,11 @@ static int CoreWindowProcessId(IUIAutomationElement* frame) {
         return 0;
     }
     int pid = 0;
-    UiaHelper::ElementList children = UiaHelper::GetChildren(control->getElement().get());
-    for (IUIAutomationElement* child : children) {
-        if (UiaHelper::GetControlClassName(child) == L"Windows.UI.Core.CoreWindow") {
-            UiaHelper::GetControlProcessId(child, &pid);  // with more than one, the last wins
+    for (const UiaHelper::ElementPtr& child : UiaHelper::GetChildren(control->getElement().get())) {
+        if (UiaHelper::GetControlClassName(child.get()) == L"Windows.UI.Core.CoreWindow") {
+            UiaHelper::GetControlProcessId(child.get(), &pid);  // with more than one, the last wins
         }
     }
-    UiaHelper::ReleaseElements(children);
     UiaControl::remove(reinterpret_cast<std::intptr_t>(control.get()));
     if (pid == 0) {
         TOLVA_LOG(titleLogger, 3, "CoreWindow not found");
@@ -91,37 +86,36 @@ static int CoreWindowProcessId(IUIAutomationElement* frame) {
 }
 
 std::int32_t ProcessByTitleFinder::operator()() {
-    IUIAutomationElement* window = nullptr;
+    UiaHelper::ElementPtr window;
     if (viaHwnd_) {
-        window = UiaHelper::GetToplevelByTitleViaHWND(title_);
+        window = UiaHelper::ElementPtr::attach(UiaHelper::GetToplevelByTitleViaHWND(title_));
     } else if (existingWindows_->empty()) {
-        window = UiaHelper::GetElementByTypeAndName(nullptr, L"", title_, TreeScope_Children);
+        window = UiaHelper::ElementPtr::attach(
+            UiaHelper::GetElementByTypeAndName(nullptr, L"", title_, TreeScope_Children));
     } else {
         window = NewWindowByTitle(title_, *existingWindows_);
     }
     if (!window) {
         return 0;
     }
-    const std::wstring className = UiaHelper::GetControlClassName(window);
+    const std::wstring className = UiaHelper::GetControlClassName(window.get());
     TOLVA_LOG(titleLogger, 9, "cls: " << className);
     int pid = 0;
     if (className != L"ApplicationFrameWindow") {
-        UiaHelper::GetControlProcessId(window, &pid);
+        UiaHelper::GetControlProcessId(window.get(), &pid);
     } else {
-        pid = CoreWindowProcessId(window);
+        pid = CoreWindowProcessId(window.get());
     }
-    window->Release();
     return pid;
 }
 
 std::int32_t ProcessByClassFinder::operator()() {
-    IUIAutomationElement* window = UiaHelper::GetToplevelByClassName(className_);
+    const UiaHelper::ElementPtr window = UiaHelper::ElementPtr::attach(UiaHelper::GetToplevelByClassName(className_));
     if (!window) {
         return 0;
     }
     int pid = 0;
-    UiaHelper::GetControlProcessId(window, &pid);
-    window->Release();
+    UiaHelper::GetControlProcessId(window.get(), &pid);
     return pid;
 }
 

@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <memory>
+#include <utility>
 #include <vector>
 
 namespace tolva {
@@ -33,11 +35,6 @@ const std::wstring::size_type PID_OPTION_LENGTH = 5;  // "-pid "
 ProcessManager& ProcessManager::getInstance() {
     static ProcessManager instance;
     return instance;
-}
-
-ProcessManager::Watch::~Watch() {
-    CloseHandle(process);
-    CloseHandle(ended);
 }
 
 bool ProcessManager::endPreviousUiaConnection() {
@@ -115,29 +112,28 @@ int ProcessManager::attachUiaProcess(const std::wstring& args, int timeoutMs) {
 bool ProcessManager::createShutdownThread(int pid) {
     TOLVA_LOG(logger, 7, "pid: " << pid);
     attached_ = true;
-    HANDLE process = OpenProcess(TARGET_ACCESS, FALSE, static_cast<DWORD>(pid));
+    UniqueHandle process(OpenProcess(TARGET_ACCESS, FALSE, static_cast<DWORD>(pid)));
     if (!process) {
         TOLVA_LOG(logger, 1, "Error: " << GetLastError());
         return false;
     }
     pid_ = pid;
-    const std::shared_ptr<Watch> watch(
-        new Watch{this, process, CreateEventW(nullptr, TRUE, FALSE, nullptr), pid});
-    auto* threadsWatch = new std::shared_ptr<Watch>(watch);
-    auto thread = reinterpret_cast<HANDLE>(
-        _beginthreadex(nullptr, SHUTDOWN_STACK_SIZE, &ProcessManager::shutdownThreadProc, threadsWatch, 0, nullptr));
+    const std::shared_ptr<Watch> watch(new Watch{
+        this, std::move(process), UniqueHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr)), pid});
+    auto threadsWatch = std::make_unique<std::shared_ptr<Watch>>(watch);
+    const UniqueHandle thread(reinterpret_cast<HANDLE>(_beginthreadex(
+        nullptr, SHUTDOWN_STACK_SIZE, &ProcessManager::shutdownThreadProc, threadsWatch.get(), 0, nullptr)));
     if (!thread) {
         // The connection stays usable; only its target's end goes unnoticed.
         TOLVA_LOG(logger, 1, "Shutdown thread could not be started: " << errno);
-        delete threadsWatch;
         return false;
     }
+    threadsWatch.release();  // the shutdown thread's now
     {
         std::lock_guard<std::mutex> guard(lock_);
         endWatchLocked();
         watch_ = watch;
     }
-    CloseHandle(thread);
     Sleep(SHUTDOWN_START_WAIT_MS);
     return true;
 }
@@ -145,7 +141,7 @@ bool ProcessManager::createShutdownThread(int pid) {
 unsigned __stdcall ProcessManager::shutdownThreadProc(void* param) {
     const std::unique_ptr<std::shared_ptr<Watch>> owned(static_cast<std::shared_ptr<Watch>*>(param));
     const std::shared_ptr<Watch> watch = *owned;
-    HANDLE waitFor[] = {watch->process, watch->ended};
+    HANDLE waitFor[] = {watch->process.get(), watch->ended.get()};
     if (WaitForMultipleObjects(2, waitFor, FALSE, INFINITE) == WAIT_OBJECT_0) {
         watch->manager->targetEnded(*watch);
     }
@@ -175,7 +171,7 @@ void ProcessManager::targetEnded(const Watch& watch) {
 
 void ProcessManager::endWatchLocked() {
     if (watch_) {
-        SetEvent(watch_->ended);
+        SetEvent(watch_->ended.get());
         watch_.reset();
     }
 }
@@ -197,7 +193,7 @@ void ProcessManager::detachProcess() {
 }
 
 bool ProcessManager::isConnected() {
-    return automationBackEnd_ ? attached_ : ShmComm::getInstance().isConnected();
+    return automationBackEnd_ ? attached_.load() : ShmComm::getInstance().isConnected();
 }
 
 // The classic back end's start and attach are the client's own (classic/).

@@ -2,8 +2,11 @@
 // the thread that watches the target for its end, detaching.
 #pragma once
 
+#include "common/Owners.h"
+
 #include <windows.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -35,10 +38,9 @@ private:
     // for the process or for the connection's end, whichever comes first.
     struct Watch {
         ProcessManager* manager;
-        HANDLE process;  // owned
-        HANDLE ended;    // owned; manual-reset, set when the connection ends
+        UniqueHandle process;
+        UniqueHandle ended;  // manual-reset, set when the connection ends
         int pid;
-        ~Watch();
     };
     ProcessManager() = default;
     void targetEnded(const Watch& watch);
@@ -46,7 +48,7 @@ private:
 
     std::mutex lock_;              // guards watch_ and the ends of connections
     std::shared_ptr<Watch> watch_;  // the current connection's, if watched; owns the process handle
-    volatile bool attached_ = false;
+    std::atomic<bool> attached_{false};
     int pid_ = 0;
     int threadId_ = 0;
     bool automationBackEnd_ = false;

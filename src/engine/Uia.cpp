@@ -14,6 +14,8 @@
 
 #include <cerrno>
 #include <iostream>
+#include <memory>
+#include <utility>
 
 namespace tolva {
 
@@ -111,22 +113,19 @@ bool Uia::readAndDispatch() {
     if (!queue) {
         return false;
     }
-    UiaEvent* event = queue->next();
-    // A run-now event belongs to the waiting thread once it is signalled and
-    // must not be read again: the id is taken first.
+    // A run-now event goes back to its waiting caller when the entry goes,
+    // at the end of this function.
+    const QueueEntry event = queue->next();
     const std::int32_t id = event->id;
     switch (id) {
     case UIA_EVENT_RUN_LATER:
     case UIA_EVENT_RUN_NOW: {
-        auto* run = static_cast<UiaRunEvent*>(event);
+        auto* run = static_cast<UiaRunEvent*>(event.get());
         if (!run->quiet) {
             TOLVA_LOG(logger, 9, (id == UIA_EVENT_RUN_LATER ? "run " : "run now ")
-                                     << std::hex << static_cast<void*>(run->runner));
+                                     << std::hex << static_cast<void*>(run->runner.get()));
         }
         run->result = (*run->runner)();
-        if (id == UIA_EVENT_RUN_NOW) {
-            SetEvent(run->doneEvent);
-        }
         break;
     }
     case UIA_EVENT_IDLE:
@@ -143,9 +142,6 @@ bool Uia::readAndDispatch() {
     default:
         TOLVA_LOG(logger, 3, "Unhandled messsage " << id);
         break;
-    }
-    if (id != UIA_EVENT_RUN_NOW) {
-        delete event;
     }
     return goOn;
 }
@@ -164,16 +160,13 @@ HRESULT Uia::createAutomationObject() {
 
     bool created = false;
     if (uia8Set) {
-        IUIAutomation* object = nullptr;
+        ComPtr<IUIAutomation> object;
         hr = CoCreateInstance(CLSID_CUIAutomation8, nullptr, CLSCTX_INPROC_SERVER, IID_IUIAutomation,
-                              reinterpret_cast<void**>(&object));
+                              reinterpret_cast<void**>(object.put()));
         if (FAILED(hr) || !object) {
             TOLVA_LOG(logger, 1, "Error creating automation object 8: " << std::hex << hr);
-            if (object) {
-                object->Release();
-            }
         } else {
-            installAutomation(object);
+            installAutomation(object.detach());
             created = true;
             TOLVA_LOG(logger, 5, "Using Uia8");
             std::wcout << L"Using Uia8" << std::endl;
@@ -188,11 +181,11 @@ HRESULT Uia::createAutomationObject() {
         }
     }
     if (!created) {
-        IUIAutomation* object = nullptr;
+        ComPtr<IUIAutomation> object;
         hr = CoCreateInstance(CLSID_CUIAutomation, nullptr, CLSCTX_INPROC_SERVER, IID_IUIAutomation,
-                              reinterpret_cast<void**>(&object));
+                              reinterpret_cast<void**>(object.put()));
         if (object) {
-            installAutomation(object);
+            installAutomation(object.detach());
         }
     }
     return hr;
@@ -216,8 +209,8 @@ bool Uia::setTimeouts(int connectionTimeout, int transactionTimeout) {
         TOLVA_LOG(logger, 3, "No automation object");
         return false;
     }
-    IUIAutomation2* automation2 = nullptr;
-    HRESULT hr = automation->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
+    ComPtr<IUIAutomation2> automation2;
+    HRESULT hr = automation->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(automation2.put()));
     if (FAILED(hr) || !automation2) {
         TOLVA_LOG(logger, 3, "Error setting timeouts: " << std::hex << hr);
         return false;
@@ -229,7 +222,6 @@ bool Uia::setTimeouts(int connectionTimeout, int transactionTimeout) {
     TOLVA_LOG(logger, 9, "prev ct: " << previousConnection << ", prev tt:" << previousTransaction);
     automation2->put_ConnectionTimeout(static_cast<DWORD>(connectionTimeout));
     automation2->put_TransactionTimeout(static_cast<DWORD>(transactionTimeout));
-    automation2->Release();
     return true;
 }
 
@@ -238,13 +230,9 @@ bool Uia::isUia8() {
     if (!automation) {
         return false;
     }
-    IUIAutomation2* automation2 = nullptr;
-    HRESULT hr = automation->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(&automation2));
-    if (FAILED(hr) || !automation2) {
-        return false;
-    }
-    automation2->Release();
-    return true;
+    ComPtr<IUIAutomation2> automation2;
+    HRESULT hr = automation->QueryInterface(IID_IUIAutomation2, reinterpret_cast<void**>(automation2.put()));
+    return SUCCEEDED(hr) && automation2;
 }
 
 // Both may come after the dispatch thread has ended (a detach by Java, then
@@ -252,14 +240,14 @@ bool Uia::isUia8() {
 void Uia::triggerThread() {
     TOLVA_LOG(logger, 7, "");
     if (auto queue = UiaEventQueue::getInstance()) {
-        queue->post(new UiaEvent(UIA_EVENT_TRIGGER));
+        queue->post(std::make_unique<UiaEvent>(UIA_EVENT_TRIGGER));
     }
 }
 
 void Uia::detach() {
     TOLVA_LOG(logger, 7, "");
     if (auto queue = UiaEventQueue::getInstance()) {
-        queue->post(new UiaEvent(UIA_EVENT_QUIT));
+        queue->post(std::make_unique<UiaEvent>(UIA_EVENT_QUIT));
     }
 }
 
@@ -269,22 +257,17 @@ void Uia::detach() {
 int Uia::setup(const std::wstring& title, const std::wstring& classRegex, int targetPid, int timeoutMs) {
     TOLVA_LOG(logger, 7, "title: " << title << ", class: " << classRegex << ", pid: " << targetPid
                                    << ", to: " << timeoutMs);
-    HANDLE thread = startDispatchThread();
+    UniqueHandle thread = startDispatchThread();
     if (!thread) {
         return 0;
     }
-    if (WaitForSingleObject(thread, START_WAIT_MS) == WAIT_OBJECT_0) {
+    if (WaitForSingleObject(thread.get(), START_WAIT_MS) == WAIT_OBJECT_0) {
         DWORD exitCode = 0;
-        GetExitCodeThread(thread, &exitCode);
+        GetExitCodeThread(thread.get(), &exitCode);
         TOLVA_LOG(logger, 1, "Dispatch thread terminated prematurely: " << exitCode);
-        CloseHandle(thread);
         return 0;
     }
-
-    if (dispatchThread_) {
-        CloseHandle(dispatchThread_);
-    }
-    dispatchThread_ = thread;
+    dispatchThread_ = std::move(thread);
     int found = 0;
     const int attempts = timeoutMs / 1000;
     for (int i = 0; i < attempts; ++i) {
@@ -337,9 +320,9 @@ int Uia::setup(const std::wstring& title, const std::wstring& classRegex, int ta
     return found;
 }
 
-HANDLE Uia::startDispatchThread() {
-    auto thread = reinterpret_cast<HANDLE>(
-        _beginthreadex(nullptr, DISPATCH_STACK_SIZE, &Uia::uiaThreadProc, this, 0, nullptr));
+UniqueHandle Uia::startDispatchThread() {
+    UniqueHandle thread(reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, DISPATCH_STACK_SIZE, &Uia::uiaThreadProc, this, 0, nullptr)));
     if (!thread) {
         TOLVA_LOG(logger, 1, "Dispatch thread could not be started: " << errno);
     }
@@ -350,11 +333,10 @@ bool Uia::awaitDispatchEnd(DWORD timeoutMs) {
     if (!dispatchThread_) {
         return true;
     }
-    if (WaitForSingleObject(dispatchThread_, timeoutMs) != WAIT_OBJECT_0) {
+    if (WaitForSingleObject(dispatchThread_.get(), timeoutMs) != WAIT_OBJECT_0) {
         return false;
     }
-    CloseHandle(dispatchThread_);
-    dispatchThread_ = nullptr;
+    dispatchThread_.reset();
     return true;
 }
 

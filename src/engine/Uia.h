@@ -4,6 +4,7 @@
 
 #include "common/Array.h"
 #include "common/Handle.h"
+#include "common/Owners.h"
 #include "element/UiaControl.h"
 
 #include <uiautomation.h>
@@ -87,14 +88,14 @@ public:
 
 private:
     Uia();
-    HANDLE startDispatchThread();  // 0 on failure, logged
+    UniqueHandle startDispatchThread();  // empty on failure, logged
     void appendHierarchy(Handle handle, NameList& names, Array<Handle>& excluded, std::vector<std::wstring>& out,
                          int depth);
     // Gives the automation object up at the end of the dispatch thread; waits,
     // bounded, for the Java threads still using it.
     void releaseAutomation();
 
-    HANDLE dispatchThread_ = nullptr;  // the last one started, until seen ended
+    UniqueHandle dispatchThread_;  // the last one started, until seen ended
 };
 
 }  // namespace tolva

@@ -12,6 +12,7 @@
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/UiaHelper.h"
 
+#include <utility>
 
 namespace tolva {
 
@@ -63,16 +64,15 @@ void appendAttributes(Handle handle, NameList& names, std::wstring* slot) {
     }
 }
 
-// The control of an element, or 0; releases the element.
-Handle handleOfElement(IUIAutomationElement* element, const char* what) {
+// The control of an element, or 0.
+Handle handleOfElement(const UiaHelper::ElementPtr& element, const char* what) {
     if (!element) {
         return 0;
     }
-    auto handle = reinterpret_cast<Handle>(UiaControl::getControl(element, std::wstring(), nullptr));
+    auto handle = reinterpret_cast<Handle>(UiaControl::getControl(element.get(), std::wstring(), nullptr));
     if (handle != 0) {
         TOLVA_LOG(logger, 9, what << std::hex << handle);
     }
-    element->Release();
     return handle;
 }
 
@@ -100,10 +100,8 @@ int Uia::checkHandle(Handle handle) {
         gone = true;
     }
     if (!gone && !UiaHelper::IsDesktopElement(element.get())) {
-        IUIAutomationElement* parent = UiaHelper::GetParent(element.get());
-        if (parent) {
-            parent->Release();
-        } else {
+        const UiaHelper::ElementPtr parent = UiaHelper::ElementPtr::attach(UiaHelper::GetParent(element.get()));
+        if (!parent) {
             TOLVA_LOG(logger, 3, "Control does not have a parent");
             gone = true;
         }
@@ -119,11 +117,9 @@ Array<Handle> Uia::getChildren(UiaControl& control) {
     UiaHelper::ElementList children = control.getChildren();
     UiaHelper::ElementList kept;
     kept.reserve(children.size());
-    for (IUIAutomationElement* child : children) {
-        if (omitted(child)) {
-            child->Release();
-        } else {
-            kept.push_back(child);
+    for (UiaHelper::ElementPtr& child : children) {
+        if (!omitted(child.get())) {
+            kept.push_back(std::move(child));
         }
     }
     return UiaControl::controlsOf(kept, &control);
@@ -131,12 +127,12 @@ Array<Handle> Uia::getChildren(UiaControl& control) {
 
 Handle Uia::getParent(UiaControl& control) {
     TOLVA_LOG(logger, 7, "handle: " << std::hex << control.handle());
-    return handleOfElement(control.getParent(), "p: ");
+    return handleOfElement(UiaHelper::ElementPtr::attach(control.getParent()), "p: ");
 }
 
 Handle Uia::getElementFromPoint(int x, int y) {
     TOLVA_LOG(logger, 7, "x: " << x << ", y: " << y);
-    return handleOfElement(UiaHelper::GetElementFromPoint(POINT{x, y}), "c: ");
+    return handleOfElement(UiaHelper::ElementPtr::attach(UiaHelper::GetElementFromPoint(POINT{x, y})), "c: ");
 }
 
 Array<Handle> Uia::getToplevels() {

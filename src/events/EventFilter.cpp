@@ -24,8 +24,8 @@ const jint LOCAL_CAPACITY = 16;
 // Dotted class name to a global reference of the class, null for a class that
 // can't be had. Only the attached thread uses it, and it is forgotten when
 // that thread detaches.
-std::unordered_map<std::string, jclass>& classCache() {
-    static std::unordered_map<std::string, jclass> cache;
+std::unordered_map<std::string, GlobalRef<jclass>>& classCache() {
+    static std::unordered_map<std::string, GlobalRef<jclass>> cache;
     return cache;
 }
 
@@ -59,6 +59,14 @@ std::string eventClass(const char* simpleName) {
 
 }  // namespace
 
+jobject newGlobalRef(JNIEnv* env, jobject object) {
+    return env->NewGlobalRef(object);
+}
+
+void deleteGlobalRef(JNIEnv* env, jobject global) {
+    env->DeleteGlobalRef(global);
+}
+
 EventFilter& EventFilter::getInstance() {
     static EventFilter instance;
     return instance;
@@ -72,25 +80,22 @@ void EventFilter::setJavaVM(JavaVM* vm) {
 
 void EventFilter::setJavaCallbackObject(JNIEnv* env, jobject callback) {
     TOLVA_LOG(logger, 7, "env: " << env << ", cb:" << callback);
-    if (callback_ && env->IsSameObject(callback_, callback)) {
+    if (callback_ && env->IsSameObject(callback_.get(), callback)) {
         return;  // the same object: its reference may be in use on the dispatch thread
     }
-    if (callback_) {
-        env->DeleteGlobalRef(callback_);
-        callback_ = nullptr;
-    }
+    callback_.reset(env);
     filterMethod_ = nullptr;
     if (!callback) {
         return;
     }
-    callback_ = env->NewGlobalRef(callback);
+    callback_.reset(env, callback);
     jclass clazz = env->GetObjectClass(callback);
     filterMethod_ = env->GetMethodID(clazz, "filterEvent", FILTER_SIGNATURE);
     if (!filterMethod_) {
         env->ExceptionClear();  // a host without the method gets no events, and no error
         TOLVA_LOG(logger, 1, "Method not found: filterEvent");
     }
-    TOLVA_LOG(logger, 10, "ref: " << callback_ << ", jc: " << clazz << ", filter: " << filterMethod_);
+    TOLVA_LOG(logger, 10, "ref: " << callback_.get() << ", jc: " << clazz << ", filter: " << filterMethod_);
     env->DeleteLocalRef(clazz);
 }
 
@@ -114,11 +119,9 @@ void EventFilter::detachThread() {
     }
     if (env_) {
         forgetClasses();
-        if (callback_) {
-            env_->DeleteGlobalRef(callback_);
-        }
+        callback_.reset(env_);
     }
-    callback_ = nullptr;
+    callback_.abandon();  // a thread that never got attached can't delete it
     // The cached classes are local references of this thread and go with its
     // detach; a dispatch thread of a later connection loads them anew.
     classCache().clear();
@@ -127,9 +130,7 @@ void EventFilter::detachThread() {
 
 void EventFilter::forgetClasses() {
     for (auto& entry : classCache()) {
-        if (entry.second) {
-            env_->DeleteGlobalRef(entry.second);
-        }
+        entry.second.reset(env_);
     }
     classCache().clear();
 }
@@ -178,7 +179,7 @@ jclass EventFilter::loadClass(const std::string& dottedName) {
     if (!frame) {
         return nullptr;
     }
-    jobject clazz = callObjectMethod(callback_, "getClass", "()Ljava/lang/Class;");
+    jobject clazz = callObjectMethod(callback_.get(), "getClass", "()Ljava/lang/Class;");
     TOLVA_LOG(logger, 5, "clazz: " << clazz);
     jobject loader = callObjectMethod(clazz, "getClassLoader", "()Ljava/lang/ClassLoader;");
     TOLVA_LOG(logger, 5, "loader: " << loader);
@@ -200,12 +201,12 @@ jclass EventFilter::getClass(const std::string& dottedName) {
     jclass result = nullptr;
     auto found = cache.find(dottedName);
     if (found != cache.end()) {
-        result = found->second;
+        result = found->second.get();
         TOLVA_LOG(logger, 10, dottedName << ": " << result);
     } else {
         TOLVA_LOG(logger, 9, "No entry for " << dottedName);
         result = loadClass(dottedName);
-        cache[dottedName] = result;  // a class that failed once is not looked for again
+        cache.emplace(dottedName, GlobalRef<jclass>(result));  // a class that failed once is not looked for again
     }
     if (!result) {
         TOLVA_LOG(logger, 1, "No class " << dottedName);
@@ -265,7 +266,7 @@ void EventFilter::sendWinEvent(std::int32_t type) {
     if (!event) {
         return;
     }
-    env_->CallBooleanMethod(callback_, filterMethod_, event);
+    env_->CallBooleanMethod(callback_.get(), filterMethod_, event);
     clearJavaException();
 }
 
@@ -385,7 +386,7 @@ void EventFilter::callJava(WinClientEvent* event) {
     if (!javaEvent) {
         return;  // dropped; the reason is logged where it arose
     }
-    jboolean result = env_->CallBooleanMethod(callback_, filterMethod_, javaEvent);
+    jboolean result = env_->CallBooleanMethod(callback_.get(), filterMethod_, javaEvent);
     if (trigger) {
         TOLVA_LOG(logger, 10, "res: " << static_cast<int>(result));
     }
@@ -406,14 +407,14 @@ void EventFilter::callCallbackVoid(const char* name, const char* signature, std:
     if (!frame) {
         return;
     }
-    jmethodID method = methodOf(callback_, name, signature);
+    jmethodID method = methodOf(callback_.get(), name, signature);
     if (!method) {
         return;
     }
     if (withIndex) {
-        env_->CallVoidMethod(callback_, method, static_cast<jlong>(handle), static_cast<jint>(index));
+        env_->CallVoidMethod(callback_.get(), method, static_cast<jlong>(handle), static_cast<jint>(index));
     } else {
-        env_->CallVoidMethod(callback_, method, static_cast<jlong>(handle));
+        env_->CallVoidMethod(callback_.get(), method, static_cast<jlong>(handle));
     }
     clearJavaException();
 }
@@ -463,11 +464,11 @@ std::vector<std::wstring> EventFilter::callJavaContextCheck(std::int64_t handle)
     if (!frame) {
         return labels;
     }
-    jmethodID method = methodOf(callback_, "onContextCheck", "(J)[Ljava/lang/String;");
+    jmethodID method = methodOf(callback_.get(), "onContextCheck", "(J)[Ljava/lang/String;");
     if (!method) {
         return labels;
     }
-    auto array = static_cast<jobjectArray>(env_->CallObjectMethod(callback_, method, static_cast<jlong>(handle)));
+    auto array = static_cast<jobjectArray>(env_->CallObjectMethod(callback_.get(), method, static_cast<jlong>(handle)));
     if (clearJavaException()) {
         return labels;
     }

@@ -4,6 +4,7 @@
 // except setJavaCallbackObject runs on the one attached thread.
 #pragma once
 
+#include "events/GlobalRef.h"
 #include "events/JniTypes.h"
 
 #include <cstdint>
@@ -71,7 +72,7 @@ private:
 
     JavaVM* javaVM_ = nullptr;
     JNIEnv* env_ = nullptr;
-    jobject callback_ = nullptr;
+    GlobalRef<jobject> callback_;
     jmethodID filterMethod_ = nullptr;
     bool timestamped_ = true;
 };

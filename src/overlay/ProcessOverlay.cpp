@@ -2,6 +2,7 @@
 #include "overlay/ProcessOverlay.h"
 
 #include "common/Logging.h"
+#include "common/Owners.h"
 
 #include <objbase.h>
 #include <process.h>
@@ -62,14 +63,13 @@ ProcessOverlay::~ProcessOverlay() {
 }
 
 bool startOverlayThread(DWORD pid) {
-    auto thread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, OVERLAY_STACK_SIZE, &overlayThreadProc,
-                                                          reinterpret_cast<void*>(std::uintptr_t{pid}), 0, nullptr));
+    const UniqueHandle thread(reinterpret_cast<HANDLE>(_beginthreadex(
+        nullptr, OVERLAY_STACK_SIZE, &overlayThreadProc, reinterpret_cast<void*>(std::uintptr_t{pid}), 0, nullptr)));
     if (!thread) {
         TOLVA_LOG(logger, 1, "Overlay thread not started: " << errno);
         return false;
     }
-    overlayThreadId = GetThreadId(thread);
-    CloseHandle(thread);
+    overlayThreadId = GetThreadId(thread.get());
     return true;
 }
 

@@ -18,19 +18,11 @@ namespace {
 
 tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
 
-using ElementPtr = ComPtr<IUIAutomationElement>;
-
 const wchar_t* const CORE_WINDOW_CLASS = L"Windows.UI.Core.CoreWindow";
 // UIA_ScrollPatternNoScroll: the percentage that leaves an axis as it is.
 const double NO_SCROLL = -1.0;
 // SWP_NOSIZE | SWP_NOMOVE: only the z-order changes.
 const UINT RAISE_FLAGS = SWP_NOSIZE | SWP_NOMOVE;
-
-// A new reference on a borrowed element.
-ElementPtr Referenced(IUIAutomationElement* element) {
-    element->AddRef();
-    return ElementPtr::attach(element);
-}
 
 ElementPtr ParentOf(IUIAutomationElement* element) {
     return ElementPtr::attach(GetParent(element));
@@ -301,7 +293,7 @@ IUIAutomationElement* GetTopParent(IUIAutomationElement* element) {
     if (!desktop || SameElement(element, desktop.get())) {
         return nullptr;
     }
-    ElementPtr current = Referenced(element);
+    ElementPtr current = ElementPtr::share(element);
     for (;;) {
         ElementPtr parent = ParentOf(current.get());
         if (!parent) {
@@ -324,7 +316,7 @@ HWND GetHwndParent(IUIAutomationElement* element, std::wstring type) {
         return nullptr;
     }
     HWND result = nullptr;
-    ElementPtr current = Referenced(element);
+    ElementPtr current = ElementPtr::share(element);
     for (;;) {
         result = OwnWindowOfType(current.get(), type);
         ElementPtr parent = ParentOf(current.get());
@@ -384,7 +376,7 @@ IUIAutomationScrollItemPattern* GetScrollItemPattern(IUIAutomationElement* eleme
         return nullptr;
     }
     ComPtr<IUIAutomationScrollItemPattern> pattern;
-    ElementPtr current = Referenced(element);
+    ElementPtr current = ElementPtr::share(element);
     while (current) {
         if (SUCCEEDED(OpenPattern(current.get(), UIA_ScrollItemPatternId, pattern)) && pattern) {
             break;

@@ -29,10 +29,10 @@ AutomationRef withdrawAutomation();
 
 namespace UiaHelper {
 
-using ElementList = std::vector<IUIAutomationElement*>;
-
-// Releases every non-null entry and empties the list.
-void ReleaseElements(ElementList& elements);
+using ElementPtr = tolva::ComPtr<IUIAutomationElement>;
+// The elements of a walk or a search, in the order found; each non-null entry
+// holds one reference, given up with the list.
+using ElementList = std::vector<ElementPtr>;
 
 // Asks the element for a pattern by id, with the pattern's own interface. A
 // success code with a null pattern means the element doesn't support it; a

@@ -76,15 +76,14 @@ std::wstring GetAccDescription(IUIAutomationElement* element) {
     // Without a description of its own, the accessible object at the
     // element's top-left corner may have one.
     const RECT bounds = GetControlBounds(element);
-    IAccessible* accessible = nullptr;
+    tolva::ComPtr<IAccessible> accessible;
     tolva::Variant child;
     const POINT corner = {bounds.left, bounds.top};
-    if (SUCCEEDED(AccessibleObjectFromPoint(corner, &accessible, child.put())) && accessible) {
+    if (SUCCEEDED(AccessibleObjectFromPoint(corner, accessible.put(), child.put())) && accessible) {
         tolva::Bstr read;
         if (SUCCEEDED(accessible->get_accDescription(child.get(), read.put()))) {
             description = read.text();
         }
-        accessible->Release();
     }
     return description;
 }

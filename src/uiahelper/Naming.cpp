@@ -154,9 +154,7 @@ bool SetControlValue(IUIAutomationElement* element, const std::wstring& value) {
         TOLVA_LOG(logger, 3, "Field is read-only or error: " << std::hex << hr);
         return false;
     }
-    BSTR text = SysAllocStringLen(value.data(), static_cast<UINT>(value.size()));
-    hr = pattern->SetValue(text);
-    SysFreeString(text);
+    hr = pattern->SetValue(Bstr(value).get());
     const bool set = SUCCEEDED(hr);
     if (!set) {
         TOLVA_LOG(logger, 3, "Error setting value: " << std::hex << hr);
@@ -225,18 +223,14 @@ std::wstring GetControlFullDescription(IUIAutomationElement* element) {
     if (!element) {
         return std::wstring();
     }
-    VARIANT value;
-    VariantInit(&value);
-    HRESULT hr = element->GetCurrentPropertyValue(UIA_FullDescriptionPropertyId, &value);
+    tolva::Variant value;
+    HRESULT hr = element->GetCurrentPropertyValue(UIA_FullDescriptionPropertyId, value.put());
     if (FAILED(hr)) {
         TOLVA_LOG(logger, 3, "Error: " << std::hex << hr);
         return std::wstring();
     }
     // The string member is taken as it stands; an empty VARIANT has none.
-    std::wstring text = value.vt == VT_BSTR && value.bstrVal ? std::wstring(value.bstrVal, SysStringLen(value.bstrVal))
-                                                             : std::wstring();
-    VariantClear(&value);
-    return text;
+    return value.text();
 }
 
 RECT GetControlBounds(IUIAutomationElement* element) {

@@ -3,6 +3,8 @@
 
 #include "common/Logging.h"
 
+#include <utility>
+
 using tolva::Bstr;
 using tolva::ComPtr;
 
@@ -47,16 +49,13 @@ IUIAutomationElement* GetGridItem(IUIAutomationElement* element, int column, int
     if (FAILED(OpenPattern(element, UIA_GridPatternId, grid)) || !grid) {
         return nullptr;
     }
-    IUIAutomationElement* item = nullptr;
-    HRESULT hr = grid->GetItem(row, column, &item);
+    ElementPtr item;
+    HRESULT hr = grid->GetItem(row, column, item.put());
     if (FAILED(hr) || !item) {
         TOLVA_LOG(logger, 9, "Error retrieving item: " << std::hex << hr);
-        if (item) {
-            item->Release();
-        }
         return nullptr;
     }
-    return item;
+    return item.detach();
 }
 
 GridPair GetGridItemColumnAndRow(IUIAutomationElement* element) {
@@ -86,15 +85,12 @@ ElementList GetColumnHeaders(IUIAutomationElement* element) {
     int length = 0;
     array->get_Length(&length);
     for (int i = 0; i < length; ++i) {
-        IUIAutomationElement* header = nullptr;
-        if (FAILED(array->GetElement(i, &header)) || !header) {
+        ElementPtr header;
+        if (FAILED(array->GetElement(i, header.put())) || !header) {
             TOLVA_LOG(logger, 9, "Error retrieving element");
-            if (header) {
-                header->Release();
-            }
             continue;
         }
-        headers.push_back(header);
+        headers.push_back(std::move(header));
     }
     return headers;
 }

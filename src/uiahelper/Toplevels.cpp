@@ -6,6 +6,7 @@
 #include "common/ComPtr.h"
 #include "uiahelper/Regex.h"
 
+#include <utility>
 
 using tolva::ComPtr;
 
@@ -45,14 +46,12 @@ void AppendHostedWindows(IUIAutomationElement* frame, IUIAutomationCondition* co
     int length = 0;
     children->get_Length(&length);
     for (int i = 0; i < length; ++i) {
-        IUIAutomationElement* child = nullptr;
-        if (FAILED(children->GetElement(i, &child)) || !child) {
+        ElementPtr child;
+        if (FAILED(children->GetElement(i, child.put())) || !child) {
             continue;
         }
-        if (ProcessIdOf(child) == pid) {
-            result.push_back(child);
-        } else {
-            child->Release();
+        if (ProcessIdOf(child.get()) == pid) {
+            result.push_back(std::move(child));
         }
     }
 }
@@ -96,7 +95,7 @@ ElementList GetToplevelsForPid(int pid) {
             if (className == L"SysShadow") {
                 TOLVA_LOG(logger, 9, "SysShadow ignored");
             } else {
-                result.push_back(element.detach());
+                result.push_back(std::move(element));
             }
         } else if (className == L"ApplicationFrameWindow") {
             AppendHostedWindows(element.get(), condition.get(), pid, result);
@@ -117,10 +116,10 @@ ElementList GetToplevelsForPidViaHWND(int pid) {
         if (static_cast<int>(windowPid) != pid) {
             continue;
         }
-        IUIAutomationElement* element = nullptr;
-        automation->ElementFromHandle(hwnd, &element);  // a failure leaves a null entry
-        TOLVA_LOG(logger, 9, "Found: " << static_cast<void*>(hwnd) << ", el: " << static_cast<void*>(element));
-        result.push_back(element);
+        ElementPtr element;
+        automation->ElementFromHandle(hwnd, element.put());  // a failure leaves a null entry
+        TOLVA_LOG(logger, 9, "Found: " << static_cast<void*>(hwnd) << ", el: " << static_cast<void*>(element.get()));
+        result.push_back(std::move(element));
     }
     return result;
 }
@@ -179,15 +178,6 @@ IUIAutomationElement* GetToplevelByTitleViaHWND(const std::wstring& titleRegex) 
         }
     }
     return nullptr;
-}
-
-void ReleaseElements(ElementList& elements) {
-    for (IUIAutomationElement* element : elements) {
-        if (element) {
-            element->Release();
-        }
-    }
-    elements.clear();
 }
 
 }  // namespace UiaHelper

@@ -7,6 +7,7 @@
 #include "uiahelper/Regex.h"
 
 #include <algorithm>
+#include <utility>
 
 using tolva::ComPtr;
 using tolva::Preferences;
@@ -59,7 +60,7 @@ void AppendFrameHits(IUIAutomationElement* frame, IUIAutomationCondition* condit
         GetControlProcessId(child.get(), &childPid);
         const std::wstring name = NormalisedName(child.get());
         if (childPid != framePid && pattern.matches(name)) {
-            hits.push_back(child.detach());
+            hits.push_back(std::move(child));
             if (firstOnly) {
                 return;
             }
@@ -77,14 +78,12 @@ bool EnumWindowsTraversalCallback::operator()(IUIAutomationElement* element, int
         return false;
     }
     if (type == UIA_WindowControlTypeId) {
-        element->AddRef();
-        list_->push_back(element);
+        list_->push_back(ElementPtr::share(element));
     } else {
         const std::wstring className = GetControlClassName(element);
         for (const std::wstring& listed : Preferences::getInstance().getList(tolva::PREF_TOPLEVEL_CLASSES)) {
             if (className == listed) {
-                element->AddRef();
-                list_->push_back(element);
+                list_->push_back(ElementPtr::share(element));
                 TOLVA_LOG(logger, 9, "Added class " << className);
                 break;
             }
@@ -112,14 +111,13 @@ void TraverseSubtree(IUIAutomationElement* element, int depth, IUIAutomationTree
     if (!callback(element, depth)) {
         return;
     }
-    IUIAutomationElement* child = nullptr;
-    walker->GetFirstChildElement(element, &child);
+    ElementPtr child;
+    walker->GetFirstChildElement(element, child.put());
     while (child) {
-        TraverseSubtree(child, depth + 1, walker, callback);
-        IUIAutomationElement* next = nullptr;  // a failing step leaves it null and ends the row
-        walker->GetNextSiblingElement(child, &next);
-        child->Release();
-        child = next;
+        TraverseSubtree(child.get(), depth + 1, walker, callback);
+        ElementPtr next;  // a failing step leaves it null and ends the row
+        walker->GetNextSiblingElement(child.get(), next.put());
+        child = std::move(next);
     }
 }
 
@@ -149,25 +147,24 @@ ElementList GetChildren(IUIAutomationElement* element) {
         TOLVA_LOG(logger, 1, "hr: " << std::hex << hr);
         return children;
     }
-    IUIAutomationElement* child = nullptr;
-    hr = walker->GetFirstChildElement(element, &child);
+    ElementPtr child;
+    hr = walker->GetFirstChildElement(element, child.put());
     int count = 1;
     while (SUCCEEDED(hr) && child) {
         if (comboBox) {
-            ComPtr<IUIAutomationElement> parent = ComPtr<IUIAutomationElement>::attach(GetParent(child));
+            const ElementPtr parent = ElementPtr::attach(GetParent(child.get()));
             if (IsDesktopElement(parent.get())) {
-                TOLVA_LOG(logger, 5, "Child " << GetControlClassName(child) << " is toplevel, ignore");
-                child->Release();
+                TOLVA_LOG(logger, 5, "Child " << GetControlClassName(child.get()) << " is toplevel, ignore");
                 break;
             }
         }
-        children.push_back(child);
-        IUIAutomationElement* next = nullptr;
+        ElementPtr next;
         if (limit <= 0 || count < limit) {
-            hr = walker->GetNextSiblingElement(child, &next);
+            hr = walker->GetNextSiblingElement(child.get(), next.put());
             ++count;
         }
-        child = next;
+        children.push_back(std::move(child));
+        child = std::move(next);
     }
     return children;
 }
@@ -176,9 +173,7 @@ bool HasAncestorWithPid(IUIAutomationElement* element, int pid) {
     if (!element) {
         return false;
     }
-    ComPtr<IUIAutomationElement> current;
-    element->AddRef();
-    current = ComPtr<IUIAutomationElement>::attach(element);
+    ElementPtr current = ElementPtr::share(element);
     for (;;) {
         ComPtr<IUIAutomationElement> parent = ComPtr<IUIAutomationElement>::attach(GetParent(current.get()));
         if (!parent) {
@@ -237,8 +232,7 @@ ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstr
         }
         const bool hit = TypeFits(element.get(), type) && pattern.matches(NormalisedName(element.get()));
         if (hit) {
-            element->AddRef();
-            hits.push_back(element.get());
+            hits.push_back(element);
             if (firstOnly) {
                 break;
             }
@@ -254,15 +248,7 @@ ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstr
 IUIAutomationElement* GetElementByTypeAndName(IUIAutomationElement* root, const std::wstring& type,
                                               const std::wstring& nameRegex, int scope) {
     ElementList hits = GetElementsByTypeAndName(root, type, nameRegex, true, scope);
-    if (hits.empty()) {
-        return nullptr;
-    }
-    for (size_t i = 1; i < hits.size(); ++i) {
-        if (hits[i]) {
-            hits[i]->Release();
-        }
-    }
-    return hits[0];
+    return hits.empty() ? nullptr : hits.front().detach();
 }
 
 ElementList GetElementsByProperty(IUIAutomationElement* root, PROPERTYID property, const VARIANT& value,
@@ -291,9 +277,9 @@ ElementList GetElementsByProperty(IUIAutomationElement* root, PROPERTYID propert
         int length = 0;
         array->get_Length(&length);
         for (int i = 0; i < length; ++i) {
-            IUIAutomationElement* element = nullptr;
-            array->GetElement(i, &element);
-            found.push_back(element);
+            ElementPtr element;
+            array->GetElement(i, element.put());
+            found.push_back(std::move(element));
         }
     }
     return found;

@@ -70,9 +70,10 @@ public:
     std::int32_t operator()() override {
         UiaHelper::ElementList tops = UiaHelper::GetToplevelsForPid(pid_);
         std::vector<tolva::UiaControl*> made;
-        for (IUIAutomationElement* top : tops) {
-            UiaHelper::ElementList children = UiaHelper::GetChildren(top);
-            for (IUIAutomationElement* child : children) {
+        for (const UiaHelper::ElementPtr& top : tops) {
+            UiaHelper::ElementList children = UiaHelper::GetChildren(top.get());
+            for (const UiaHelper::ElementPtr& entry : children) {
+                IUIAutomationElement* child = entry.get();
                 tolva::UiaControl* control = tolva::UiaControl::getControl(child, std::wstring(), nullptr);
                 if (!control) continue;
                 made.push_back(control);
@@ -84,9 +85,7 @@ public:
                     findings_->add("dispatch thread: " + narrow(name) + " under " + narrow(key));
                 }
             }
-            UiaHelper::ReleaseElements(children);
         }
-        UiaHelper::ReleaseElements(tops);
         if (!made.empty() && round_ % 4 == 0) {
             ++*removals_;  // before and after: a reader sees any removal that overlaps its reads
             tolva::UiaControl::remove(reinterpret_cast<std::intptr_t>(made[static_cast<size_t>(round_) % made.size()]));

@@ -41,10 +41,8 @@ TEST(UiaEventQueue, QuietQueueMakesOneIdleEntryEveryTwoSeconds) {
     const ULONGLONG start = GetTickCount64();
     std::vector<ULONGLONG> idle;
     while (idle.size() < 2) {
-        UiaEvent* event = owner.queue().next();
-        EXPECT_EQ(UIA_EVENT_IDLE, event->id);
+        EXPECT_EQ(UIA_EVENT_IDLE, owner.queue().next()->id);
         idle.push_back(GetTickCount64() - start);
-        delete event;
     }
     EXPECT_GE(idle[0], 1900u);
     EXPECT_LT(idle[0], 2600u);
@@ -56,14 +54,14 @@ TEST(UiaEventQueue, EntriesComeOutFirstInFirstOutAndLaterRunnersBelongToThem) {
     QueueOnThisThread owner;
     std::atomic<int> runs{0};
     std::atomic<int> deleted{0};
-    owner.queue().post(new UiaEvent(UIA_EVENT_TRIGGER));
+    owner.queue().post(std::make_unique<UiaEvent>(UIA_EVENT_TRIGGER));
     owner.queue().invokeLater(new CountingRunner(runs, deleted, 1));
     owner.queue().invokeLaterQuiet(new CountingRunner(runs, deleted, 1));
-    owner.queue().post(new UiaEvent(UIA_EVENT_QUIT));
-    std::unique_ptr<UiaEvent> trigger(owner.queue().next());
-    std::unique_ptr<UiaEvent> loud(owner.queue().next());
-    std::unique_ptr<UiaEvent> quiet(owner.queue().next());
-    std::unique_ptr<UiaEvent> quit(owner.queue().next());
+    owner.queue().post(std::make_unique<UiaEvent>(UIA_EVENT_QUIT));
+    QueueEntry trigger = owner.queue().next();
+    QueueEntry loud = owner.queue().next();
+    QueueEntry quiet = owner.queue().next();
+    QueueEntry quit = owner.queue().next();
     EXPECT_EQ(UIA_EVENT_TRIGGER, trigger->id);
     EXPECT_EQ(UIA_EVENT_RUN_LATER, loud->id);
     EXPECT_FALSE(static_cast<UiaRunEvent*>(loud.get())->quiet);
@@ -87,12 +85,12 @@ TEST(UiaEventQueue, InvokeNowRunsOnTheDispatchThreadAndDeletesTheRunner) {
     // From another thread: the caller waits for the dispatch thread.
     std::atomic<std::int32_t> result{0};
     std::thread caller([&] { result = owner.queue().invokeNow(new CountingRunner(runs, deleted, 7)); });
-    UiaEvent* event = owner.queue().next();
+    QueueEntry event = owner.queue().next();
     ASSERT_EQ(UIA_EVENT_RUN_NOW, event->id) << "the first entry: nothing else went through the queue";
-    auto* run = static_cast<UiaRunEvent*>(event);
+    auto* run = static_cast<UiaRunEvent*>(event.get());
     EXPECT_EQ(0, result.load()) << "the caller still waits";
     run->result = (*run->runner)();
-    SetEvent(run->doneEvent);  // the event belongs to the waiting caller
+    event.reset();  // hands the event back to the waiting caller
     caller.join();
     EXPECT_EQ(7, result.load());
     EXPECT_EQ(2, deleted.load());
@@ -129,7 +127,7 @@ TEST(UiaEventQueue, TheEndCompletesWaitingCallersAndTurnsLaterPostersAway) {
         caller.join();
         EXPECT_EQ(0, result.load()) << "the default, not the runner's value";
         queue->invokeLater(new CountingRunner(runs, deleted, 7));
-        queue->post(new UiaEvent(UIA_EVENT_QUIT));
+        queue->post(std::make_unique<UiaEvent>(UIA_EVENT_QUIT));
         EXPECT_EQ(0, runs.load());
         EXPECT_EQ(waitsAtTheEnd ? 3 : 2, deleted.load());
     }

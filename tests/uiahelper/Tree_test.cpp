@@ -32,13 +32,12 @@ protected:
         spec.processId = pid;
         return parent.add(spec);
     }
-    // The names of a list's elements; releases the list.
-    std::vector<std::wstring> names(UiaHelper::ElementList list) {
+    // The names of a list's elements.
+    std::vector<std::wstring> names(const UiaHelper::ElementList& list) {
         std::vector<std::wstring> result;
-        for (IUIAutomationElement* element : list) {
-            result.push_back(element ? UiaHelper::GetControlName(element) : L"<null>");
+        for (const UiaHelper::ElementPtr& element : list) {
+            result.push_back(element ? UiaHelper::GetControlName(element.get()) : L"<null>");
         }
-        UiaHelper::ReleaseElements(list);
         return result;
     }
     void setPreference(const wchar_t* key, const wchar_t* value) {
@@ -127,12 +126,11 @@ TEST_F(Tree, FramesAreLookedThroughOnlyForChildrenAndOnlyIntoOtherProcesses) {
     // With first-only, a hit inside a frame ends only that frame's look.
     auto firstOnly = UiaHelper::GetElementsByTypeAndName(nullptr, L"", L"App", true, 2);
     std::vector<int> pids;
-    for (IUIAutomationElement* element : firstOnly) {
+    for (const UiaHelper::ElementPtr& element : firstOnly) {
         int pid = 0;
-        UiaHelper::GetControlProcessId(element, &pid);
+        UiaHelper::GetControlProcessId(element.get(), &pid);
         pids.push_back(pid);
     }
-    UiaHelper::ReleaseElements(firstOnly);
     EXPECT_EQ((std::vector<int>{4711, 4712, 4713}), pids);
 
     // Another scope doesn't look into frames, and first-only gives one.
