@@ -124,14 +124,16 @@ protected:
 }  // namespace
 
 TEST_F(Fallbacks, ATextOfTheLimitIsTakenFromALongerWindowText) {
-    const std::wstring windowText(5000, L'w');
-    SetWindowTextW(frame, windowText.c_str());
-    struct Row { const wchar_t* attribute; size_t length; bool fromWindow; };  // the length of the platform's text
+    // The lengths of the platform's text and of the window's.
+    struct Row { const wchar_t* attribute; size_t length, window; bool fromWindow; };
     const Row rows[] = {
-        {L"name", 4096, true}, {L"value", 4096, true}, {L"text", 4096, true},
-        {L"name", 4095, false}, {L"value", 4097, false}, {L"text", 4095, false},
+        {L"name", 4096, 5000, true}, {L"value", 4096, 5000, true}, {L"text", 4096, 5000, true},
+        {L"name", 4095, 5000, false}, {L"value", 4097, 5000, false}, {L"text", 4095, 5000, false},
+        {L"value", 4096, 4096, false},  // a window text of the limit is no better
     };
     for (const Row& row : rows) {
+        const std::wstring windowText(row.window, L'w');
+        SetWindowTextW(frame, windowText.c_str());
         const std::wstring platformText(row.length, L'p');
         const std::wstring attribute = row.attribute;
         fakeuia::Node& node = add(*top, UIA_EditControlTypeId, attribute == L"name" ? platformText : L"field");
@@ -179,16 +181,17 @@ TEST_F(Fallbacks, TheTextIsTheValueOnlyWithoutADocumentRange) {
 
 TEST_F(Fallbacks, AValueIsWrittenOnlyWhereItIsKnownToBeWritable) {
     struct Row { const char* what; bool readOnly; const char* failing; jboolean result; int setValueCalls;
-                 const wchar_t* value; };
+                 const wchar_t* value; const wchar_t* automationId; size_t notices; };
     const Row rows[] = {
-        {"writable", false, nullptr, JNI_TRUE, 1, L"new"},
-        {"read-only", true, nullptr, JNI_FALSE, 0, L"old"},
-        {"a failing read-only read", false, "get_CurrentIsReadOnly", JNI_FALSE, 0, L"old"},
-        {"a refused write", false, "SetValue", JNI_FALSE, 1, L"old"},
+        {"writable", false, nullptr, JNI_TRUE, 1, L"new", L"1001", 1},
+        {"read-only", true, nullptr, JNI_FALSE, 0, L"old", L"1001", 0},
+        {"a failing read-only read", false, "get_CurrentIsReadOnly", JNI_FALSE, 0, L"old", L"1001", 0},
+        {"a refused write still notifies", false, "SetValue", JNI_FALSE, 1, L"old", L"1001", 1},
+        {"a name as the id: no notice", false, nullptr, JNI_TRUE, 1, L"new", L"name", 0},
     };
     for (const Row& row : rows) {
         fakeuia::Node& node = add(*top, UIA_EditControlTypeId, L"field");
-        node.update([this](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = edit, spec.automationId = L"1001"; });
+        node.update([&](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = edit, spec.automationId = row.automationId; });
         auto value = fakeuia::attach<fakeuia::ValueSource>(node, L"old", row.readOnly);
         if (row.failing) {
             value->fail(row.failing, E_FAIL);
@@ -198,9 +201,10 @@ TEST_F(Fallbacks, AValueIsWrittenOnlyWhereItIsKnownToBeWritable) {
             << row.what;
         EXPECT_EQ(row.setValueCalls, value->setValueCalls) << row.what;
         EXPECT_EQ(row.value, value->value) << row.what;
-        // A write that was tried tells the edit's parent window, as EN_CHANGE.
+        // A write that was tried tells the edit's parent window of a numeric
+        // id, as EN_CHANGE with the id.
         const auto notice = std::make_pair(WPARAM{0x3E90300}, reinterpret_cast<LPARAM>(edit));
-        EXPECT_EQ(row.setValueCalls ? 1u : 0u, commands.size()) << row.what;
+        EXPECT_EQ(row.notices, commands.size()) << row.what;
         EXPECT_TRUE(commands.empty() || commands[0] == notice) << row.what;
         node.remove();
     }

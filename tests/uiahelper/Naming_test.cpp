@@ -15,32 +15,16 @@ using dwtest::HelperTest;
 
 namespace {
 
-// A real top-level window with a child edit, recording the WM_COMMAND it gets
-// and answering WM_GETTITLEBARINFOEX with caption buttons of its own.
+// A real top-level window that can claim another text length than its own.
 struct TestWindows {
     static LRESULT CALLBACK FrameProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
-        if (message == WM_COMMAND) {
-            commands().push_back({wParam, lParam});
-            return 0;
-        }
         if (message == WM_GETTEXTLENGTH && claimedLength() != 0) return claimedLength();
-        if (message == WM_GETTITLEBARINFOEX) {
-            auto* info = reinterpret_cast<TITLEBARINFOEX*>(lParam);
-            info->rgrect[2] = {100, 0, 120, 20};  // minimize
-            info->rgrect[3] = {120, 0, 140, 20};  // maximize
-            info->rgrect[5] = {140, 0, 160, 20};  // close
-            return 0;
-        }
         return DefWindowProcW(hwnd, message, wParam, lParam);
     }
     // A length that WM_GETTEXTLENGTH answers instead of the true one; 0: the true one.
     static LRESULT& claimedLength() {
         static LRESULT length = 0;
         return length;
-    }
-    static std::vector<std::pair<WPARAM, LPARAM>>& commands() {
-        static std::vector<std::pair<WPARAM, LPARAM>> list;
-        return list;
     }
     TestWindows() {
         WNDCLASSW windowClass = {};
@@ -50,9 +34,6 @@ struct TestWindows {
         RegisterClassW(&windowClass);
         frame = CreateWindowExW(0, L"NamingTestFrame", L"Frame title", WS_OVERLAPPEDWINDOW, 0, 0, 300, 200, nullptr,
                                 nullptr, GetModuleHandleW(nullptr), nullptr);
-        edit = CreateWindowExW(0, L"EDIT", L"", WS_CHILD, 0, 0, 100, 20, frame, nullptr, GetModuleHandleW(nullptr),
-                               nullptr);
-        commands().clear();
     }
     ~TestWindows() {
         claimedLength() = 0;
@@ -60,7 +41,6 @@ struct TestWindows {
     }
     void setTitle(const std::wstring& text) { SetWindowTextW(frame, text.c_str()); }
     HWND frame;
-    HWND edit;
 };
 
 class Naming : public HelperTest {
@@ -133,34 +113,6 @@ TEST_F(Naming, RuntimeIdsAreLowerCaseHexJoinedByDots) {
     }
 }
 
-TEST_F(Naming, ValuesOfTheLimitAreImprovedOnlyByALongerWindowText) {
-    TestWindows windows;
-    fakeuia::Node& top = windowOf(windows.frame, L"w");
-    auto value = fakeuia::attach<fakeuia::ValueSource>(top);
-    ElementRef element(elementOf(top));
-    ElementRef plain(elementOf(window(L"plain")));
-    struct Row {
-        const char* name;
-        size_t value, title;
-        std::wstring expected;
-    };
-    const Row rows[] = {
-        {"a window text of the limit is no better", 4096, 4096, std::wstring(4096, L'v')},
-        {"a longer window text", 4096, 4097, std::wstring(4097, L't')},
-        {"only a text of exactly the limit is re-read", 4097, 4097, std::wstring(4097, L'v')},
-    };
-    for (const Row& row : rows) {
-        value->value = std::wstring(row.value, L'v');
-        windows.setTitle(std::wstring(row.title, L't'));
-        std::wstring text;
-        EXPECT_EQ(S_OK, UiaHelper::GetControlValue(element.get(), text)) << row.name;
-        EXPECT_EQ(row.expected, text) << row.name;
-    }
-    std::wstring text = L"as before";
-    EXPECT_TRUE(SUCCEEDED(UiaHelper::GetControlValue(plain.get(), text)));
-    EXPECT_EQ(L"as before", text) << "no Value pattern leaves the text alone";
-}
-
 TEST_F(Naming, EmptyWindowNamesComeFromTheWindowText) {
     TestWindows windows;
     fakeuia::Node& top = windowOf(windows.frame, L"");
@@ -204,48 +156,6 @@ TEST_F(Naming, TheNonUniqueRowSwitchRenamesRows) {
     EXPECT_EQ(L"Zeile ohne Index", UiaHelper::GetControlName(ElementRef(elementOf(row)).get()));
     EXPECT_EQ(L"its value", UiaHelper::GetControlName(ElementRef(elementOf(other)).get()));
     EXPECT_EQ(L"zeile 1", UiaHelper::GetControlName(ElementRef(elementOf(lower)).get()));
-}
-
-TEST_F(Naming, SettingAValueNotifiesTheParentWindowOfNumericIdsOnly) {
-    TestWindows windows;
-    fakeuia::Node& field = windowOf(windows.edit, L"field");
-    field.update([](fakeuia::NodeSpec& spec) { spec.automationId = L"1001"; });
-    auto value = fakeuia::attach<fakeuia::ValueSource>(field);
-    ElementRef element(elementOf(field));
-    EXPECT_TRUE(UiaHelper::SetControlValue(element.get(), L"typed"));
-    EXPECT_EQ(L"typed", value->value);
-    using Commands = std::vector<std::pair<WPARAM, LPARAM>>;
-    const std::pair<WPARAM, LPARAM> notice{0x3E90300, reinterpret_cast<LPARAM>(windows.edit)};
-    EXPECT_EQ(Commands{notice}, TestWindows::commands()) << "EN_CHANGE with the id, in the swapped layout";
-    value->fail("SetValue", E_FAIL);
-    EXPECT_FALSE(UiaHelper::SetControlValue(element.get(), L"again"));
-    EXPECT_EQ((Commands{notice, notice}), TestWindows::commands()) << "a failed SetValue still notifies";
-
-    TestWindows::commands().clear();
-    value->clearFailures();
-    field.update([](fakeuia::NodeSpec& spec) { spec.automationId = L"name"; });
-    EXPECT_TRUE(UiaHelper::SetControlValue(element.get(), L"x"));
-    EXPECT_EQ(L"x", value->value);
-    value->readOnly = true;
-    EXPECT_FALSE(UiaHelper::SetControlValue(element.get(), L"y"));
-    EXPECT_EQ(L"x", value->value) << "read-only";
-    EXPECT_TRUE(TestWindows::commands().empty()) << "a name as the id: no notice";
-}
-
-TEST_F(Naming, CaptionButtonsAreNamedByWhereTheyStand) {
-    TestWindows windows;
-    fakeuia::Node& top = windowOf(windows.frame, L"w");
-    fakeuia::Node& titleBar = child(top, UIA_TitleBarControlTypeId);
-    auto idOf = [&](fakeuia::Node& parent, RECT bounds) {
-        fakeuia::Node& node =
-            child(parent, UIA_ButtonControlTypeId, L"", [&](fakeuia::NodeSpec& s) { s.bounds = bounds; });
-        return UiaHelper::GetControlAutomationId(ElementRef(elementOf(node)).get());
-    };
-    EXPECT_EQ(L"Minimize", idOf(titleBar, {100, 0, 120, 20}));
-    EXPECT_EQ(L"Close", idOf(titleBar, {141, 1, 159, 19}));
-    EXPECT_EQ(L"Minimize", idOf(titleBar, {110, 10, 130, 30})) << "the midpoint on two edges: the first hit wins";
-    EXPECT_EQ(L"", idOf(titleBar, {10, 0, 20, 20})) << "on no caption button";
-    EXPECT_EQ(L"", idOf(top, {100, 0, 120, 20})) << "not on a title bar";
 }
 
 TEST_F(Naming, TextsWithoutAWindowOrAValueAreEmpty) {
