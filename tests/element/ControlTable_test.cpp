@@ -1,6 +1,6 @@
 // Elements get stable handles through the control table, as Java sees it:
 // the text keys (read whole through the attribute "rid2"), child lists,
-// parents, eviction of dead elements, omitted children.
+// parents and eviction of dead elements.
 #include "DriverTest.h"
 
 #include "FakeUiaPatterns.h"
@@ -210,34 +210,4 @@ TEST_F(ControlTable, AGoneElementIsEvictedOnceAndThenUnknown) {
         EXPECT_EQ("Invalid handle value", thrown()) << name << ": the table no longer knows it";
     }
     EXPECT_EQ(2, platform->outstandingReferences()) << "the automation object and the pane";
-}
-
-TEST_F(ControlTable, OffscreenChildrenAreOmittedByStateAndSize) {
-    child(UIA_ButtonControlTypeId, L"OK", RID, {110, 220, 180, 250});
-    fakeuia::NodeSpec blank;
-    blank.controlType = UIA_CustomControlTypeId;
-    blank.isOffscreen = true;
-    blank.runtimeId = std::vector<int>{0x2a, 0x99};
-    auto whitespace = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(pane->add(blank));
-    whitespace->role = ROLE_SYSTEM_WHITESPACE;
-    whitespace->state = STATE_SYSTEM_INVISIBLE;
-    blank.runtimeId = std::vector<int>{0x2a, 0x9a};
-    blank.bounds = {0, 0, 10, 10};
-    fakeuia::attach<fakeuia::LegacyIAccessibleSource>(pane->add(blank))->state = STATE_SYSTEM_SELECTABLE;
-    struct Row {
-        const char* name;
-        const wchar_t* omitStates;
-        size_t count;
-    };
-    const Row rows[] = {
-        {"by default an invisible whitespace goes", nullptr, 2},
-        {"SELECT matches SELECTABLE", L"SELECT", 1},
-        {"an empty entry omits every offscreen child", L"A,", 1},
-        {"a state that no child has", L"FOCUSED", 2},
-    };
-    const jlong window = top();
-    for (const Row& row : rows) {
-        if (row.omitStates) setPreference(L"deskwright.omit.states", row.omitStates);
-        EXPECT_EQ(row.count, children(window).size()) << row.name;
-    }
 }

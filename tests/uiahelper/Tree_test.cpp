@@ -214,22 +214,6 @@ TEST_F(Tree, TheWindowSystemListsAndMatchesOnlyVisibleWindowsOfTheProcess) {
         << "a window whose element can't be had leaves a null entry";
 }
 
-TEST_F(Tree, AComboBoxsPopupUnderTheDesktopEndsItsChildren) {
-    fakeuia::Node& top = window(L"w", 1);
-    fakeuia::Node& combo = child(top, UIA_ComboBoxControlTypeId, L"combo");
-    child(combo, UIA_ListControlTypeId, L"popup", L"ComboLBox").reportDesktopAsParent();
-    child(combo, UIA_EditControlTypeId, L"edit");
-    ElementRef comboElement(elementOf(combo));
-    EXPECT_TRUE(names(UiaHelper::GetChildren(comboElement.get())).empty());
-
-    // The rule is the combo box's alone: another element keeps such a child.
-    fakeuia::Node& list = child(top, UIA_ListControlTypeId, L"list");
-    child(list, UIA_WindowControlTypeId, L"floating").reportDesktopAsParent();
-    child(list, UIA_ListItemControlTypeId, L"item");
-    ElementRef listElement(elementOf(list));
-    EXPECT_EQ((Names{L"floating", L"item"}), names(UiaHelper::GetChildren(listElement.get())));
-}
-
 TEST_F(Tree, NamesClassesAndTitlesOfAnyLengthMatchOnTheDispatchThreadsStack) {
     const std::wstring tail(1000000, L'x');
     const int self = static_cast<int>(GetCurrentProcessId());
