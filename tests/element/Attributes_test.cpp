@@ -282,6 +282,9 @@ TEST_F(Attributes, SelectionByPatternOrByMsaaState) {
                {"MSAA description", two, L"accdesc", L"second item"}});
     legacy->state = 0;
     expectAll({{"no state bits", two, L"accstate", L"NORMAL"}, {"not selected", two, L"selected", L"0"}});
+    legacy->state = 0x7FFFFFFF;
+    expectAll({{"every valid bit", two, L"accstate", L"VALID"},
+               {"the whole mask is no selection", two, L"selected", L"0"}});
     legacy->fail("get_CurrentState", E_FAIL);
     legacy->fail("get_CurrentValue", E_FAIL);
     expectAll({{"a failed read gives no words", two, L"accstate", L""}, {"a failed value", two, L"accvalue", L""}});

@@ -1,7 +1,7 @@
 // Where an attribute's first source isn't enough and the driver asks a second
 // one: long texts re-read from the window, a text read as the value, a
-// description found at a point, caption buttons named by their place, state
-// names of the whole mask, and the read-only check before a value is written.
+// description found at a point, caption buttons named by their place, and the
+// read-only check before a value is written.
 #include "DriverTest.h"
 
 #include "FakeUiaPatterns.h"
@@ -206,28 +206,6 @@ TEST_F(Fallbacks, AValueIsWrittenOnlyWhereItIsKnownToBeWritable) {
         const auto notice = std::make_pair(WPARAM{0x3E90300}, reinterpret_cast<LPARAM>(edit));
         EXPECT_EQ(row.notices, commands.size()) << row.what;
         EXPECT_TRUE(commands.empty() || commands[0] == notice) << row.what;
-        node.remove();
-    }
-}
-
-TEST_F(Fallbacks, TheWholeStateMaskReadsValid) {
-    struct Row { DWORD state; const char* failing; const wchar_t* names; const wchar_t* selected; };
-    const Row rows[] = {
-        {0x7FFFFFFF, nullptr, L"VALID", L"0"},
-        {0, nullptr, L"NORMAL", L"0"},
-        {STATE_SYSTEM_SELECTED | STATE_SYSTEM_FOCUSABLE, nullptr, L"SELECTED,FOCUSABLE", L"1"},
-        {STATE_SYSTEM_SELECTED, "get_CurrentState", L"", L"0"},
-    };
-    for (const Row& row : rows) {
-        fakeuia::Node& node = add(*top, UIA_ListItemControlTypeId, L"item");
-        auto legacy = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(node);
-        legacy->state = row.state;
-        if (row.failing) {
-            legacy->fail(row.failing, E_FAIL);
-        }
-        const jlong item = handleOf(node);
-        EXPECT_EQ(row.names, attr(item, L"accstate")) << std::hex << row.state;
-        EXPECT_EQ(row.selected, attr(item, L"selected")) << std::hex << row.state;
         node.remove();
     }
 }
