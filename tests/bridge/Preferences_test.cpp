@@ -1,5 +1,4 @@
 // The readers of preference values: numbers, flags and lists.
-#include "common/NullMarkers.h"
 #include "common/Preferences.h"
 
 #include <gtest/gtest.h>
@@ -35,31 +34,4 @@ TEST(Preferences, NumbersNeedOnlyALeadingNumberAndListsKeepEveryPiece) {
     for (const SplitCase& c : lists) {
         EXPECT_EQ(c.pieces, splitString(c.text, L',')) << std::string(c.text, c.text + wcslen(c.text));
     }
-}
-
-// Flags are exactly "true"; every value is read afresh on each use.
-TEST(Preferences, FlagsCountsAndListsReadThroughTheStore) {
-    Preferences& store = Preferences::getInstance();
-    const std::wstring key = PREF_FRONT_VIA_FOCUS;
-    EXPECT_FALSE(store.getFlag(key));
-    store.setPreference(key, L"TRUE");
-    EXPECT_FALSE(store.getFlag(key));
-    store.setPreference(key, L"true");
-    EXPECT_TRUE(store.getFlag(key));
-    store.setPreference(key, L"true ");
-    EXPECT_FALSE(store.getFlag(key));
-    store.setPreference(key, NULL_JAVA_STRING);
-    EXPECT_FALSE(store.getFlag(key));
-    EXPECT_EQ(0, store.getInt(PREF_MAX_CHILDREN));
-    store.setPreference(PREF_MAX_CHILDREN, L"abc");
-    EXPECT_EQ(0, store.getInt(PREF_MAX_CHILDREN));
-    store.setPreference(PREF_MAX_CHILDREN, L"3");
-    EXPECT_EQ(3, store.getInt(PREF_MAX_CHILDREN));
-    EXPECT_EQ(50, store.getInt(PREF_DELAY_AFTER_MOUSEMOVED));
-    EXPECT_TRUE(store.getList(PREF_OMIT_STATES).empty());
-    store.setPreference(PREF_OMIT_STATES, L"A,");
-    EXPECT_EQ((std::vector<std::wstring>{L"A", L""}), store.getList(PREF_OMIT_STATES));
-    // A read leaves no default behind in the store.
-    store.setPreference(PREF_DELAY_AFTER_MOUSEMOVED, NULL_JAVA_STRING);
-    EXPECT_EQ(L"50", store.getPreference(PREF_DELAY_AFTER_MOUSEMOVED));
 }

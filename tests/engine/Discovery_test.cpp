@@ -88,20 +88,6 @@ HANDLE WINAPI RefusingOpenProcess(DWORD, BOOL, DWORD) {
 
 }  // namespace
 
-TEST_F(Discovery, ThroughWindowHandlesOnlyVisibleWindowsOfTheTargetCount) {
-    SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
-    const std::vector<HWND> real = realWindows({{L"Shown", true}, {L"Hidden", false}, {L"Unknown", true}});
-    topWindow(L"shown", L"TestWindow", self(), real[0]);
-    topWindow(L"hidden", L"TestWindow", self(), real[1]);
-    topWindow(L"no window", L"TestWindow", self());
-    ASSERT_EQ(self(), attach(L"-pid " + std::to_wstring(self()), 1000));
-    EXPECT_TRUE(LogFile::contains("via hwnd: 1", 5));
-    // A visible window that the automation tree doesn't know stands as 0.
-    Names tops = toplevelNames();
-    std::sort(tops.begin(), tops.end());
-    EXPECT_EQ((Names{L"<0>", L"shown"}), tops) << "the automation tree lists the three others";
-}
-
 TEST_F(Discovery, ThroughWindowHandlesATitleIsMatchedWithTheWindowText) {
     SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
     const std::vector<HWND> real = realWindows({{L"Window text 42", true}, {L"Hidden title", false}});
@@ -134,6 +120,7 @@ TEST_F(Discovery, TopLevelWindowsAreRestrictedToTheClassOfTheAttach) {
     topWindow(L"Tip", L"SunAwtWindow", self());
     topWindow(L"Other", L"TestWindow", self());
     ASSERT_EQ(self(), attach(L"-class 'SunAwt.*'", 1000));
+    EXPECT_EQ(L"true", host->text(native<jstring>("GetPreference", host->str(L"deskwright.restrict.tops.to.class"))));
     struct Row { const wchar_t* restrict; Names tops; };
     const Row rows[] = {
         {nullptr, {L"Main", L"Tip"}},  // as the attach left it
@@ -147,14 +134,9 @@ TEST_F(Discovery, TopLevelWindowsAreRestrictedToTheClassOfTheAttach) {
         }
         EXPECT_EQ(row.tops, toplevelNames()) << testing::PrintToString(row.restrict ? row.restrict : L"(attach)");
     }
-}
-
-TEST_F(Discovery, WithoutAClassTheRestrictionKeepsEveryWindow) {
-    topWindow(L"Main", L"SunAwtFrame", self());
-    topWindow(L"Other", L"TestWindow", self());
-    setPreference(L"deskwright.restrict.tops.to.class", L"true");
+    detachAndWait();
     ASSERT_EQ(self(), attach(L"-pid " + std::to_wstring(self()), 1000));
-    EXPECT_EQ((Names{L"Main", L"Other"}), toplevelNames());
+    EXPECT_EQ((Names{L"Main", L"Tip", L"Other"}), toplevelNames()) << "without a class the restriction keeps all";
 }
 
 TEST_F(Discovery, ATargetThatCannotBeOpenedStaysAttached) {

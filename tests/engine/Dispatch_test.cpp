@@ -33,15 +33,6 @@ protected:
     int timeoutPuts() { return platform->connectionTimeoutPuts() + platform->transactionTimeoutPuts(); }
 };
 
-class DispatchWithoutTimestamps : public Dispatch {
-protected:
-    jnihost::JavaHost::Options hostOptions() const override {
-        jnihost::JavaHost::Options options;
-        options.timestampedEvents = false;
-        return options;
-    }
-};
-
 // The driver's waits are timed by a tick that moves in steps of about 16 ms.
 const ULONGLONG TICK = 16;
 
@@ -178,11 +169,4 @@ TEST_F(Dispatch, TheAutomationClassAndItsTimeouts) {
     EXPECT_EQ(0, attach(ownPidArgs(), 3000));
     EXPECT_TRUE(LogFile::contains("Dispatch thread terminated prematurely: 2", 1));
     EXPECT_EQ(attempts, LogFile::count("find via pid", 9));
-}
-
-TEST_F(DispatchWithoutTimestamps, AHostWithoutTimestampsKeepsTheDefaultMode) {
-    attachToSelf();
-    EXPECT_FALSE(LogFile::contains("Java exception", 3)) << "the probe's error is cleared quietly";
-    EXPECT_TRUE(LogFile::contains("mode: 0x1f", 7));
-    EXPECT_FALSE(LogFile::contains("mode: 0xffffffff", 7));
 }

@@ -51,7 +51,7 @@ const std::wstring& LogFile::path() {
 
 std::vector<LogLine> LogFile::lines() {
     std::vector<LogLine> result;
-    std::ifstream in(logPath().c_str());
+    std::ifstream in(logPath().c_str(), std::ios::binary);  // text mode ends at a logged 0x1A
     std::string text;
     LogLine line;
     while (std::getline(in, text)) {
@@ -89,7 +89,7 @@ bool LogFile::waitFor(const std::string& text, unsigned timeoutMs, int level) {
 }
 
 std::string LogFile::dump() {
-    std::ifstream in(logPath().c_str());
+    std::ifstream in(logPath().c_str(), std::ios::binary);
     std::string all;
     std::string text;
     while (std::getline(in, text)) {
