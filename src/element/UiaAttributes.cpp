@@ -159,8 +159,7 @@ wchar_t* UiaControl::getAttribute(const std::wstring& attribute) {
          }},
         {L"rid2",
          [](const Reading& r) {
-             const std::wstring key = keyOf(&r.control);
-             return newText(key.empty() ? UiaHelper::NAME_NOT_READ : key);
+             return newText(r.control.key().empty() ? UiaHelper::NAME_NOT_READ : r.control.key());
          }},
         {L"id", [](const Reading& r) { return newText(r.control.id); }},
         {L"framework", text(UiaHelper::GetControlFrameworkId)},

@@ -69,9 +69,14 @@ public:
     static ControlRef acquire(std::intptr_t handle);
     static void remove(std::intptr_t handle);
     static void removeControls();
-    // The key under which a control stands ("rid2"); empty if it stands nowhere.
-    static std::wstring keyOf(const UiaControl* control);
     static std::size_t size();
+
+    // The key under which a control stands; empty if it stands nowhere.
+    static std::wstring keyOf(const UiaControl* control);
+    // The key it was made under ("rid2"). It never changes, and a control in
+    // use stays whole, so it holds even after another thread removed the
+    // control from the table in the middle of a read.
+    const std::wstring& key() const { return key_; }
 
     void setElement(IUIAutomationElement* element);  // takes its own reference
     void cacheName(const std::wstring& name);

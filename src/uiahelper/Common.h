@@ -45,4 +45,21 @@ HRESULT OpenPattern(IUIAutomationElement* element, PATTERNID id, tolva::ComPtr<P
     return element->GetCurrentPatternAs(id, __uuidof(Pattern), reinterpret_cast<void**>(pattern.put()));
 }
 
+// Visits the entries of an element array in order, each as an element of its
+// own; an entry that can't be read, or is null, is passed over. The visit
+// returns false to stop. A null array has no entries.
+template <class Visit>
+void ForEachElement(IUIAutomationElementArray* array, Visit&& visit) {
+    int length = 0;
+    if (!array || FAILED(array->get_Length(&length))) {
+        return;
+    }
+    for (int i = 0; i < length; ++i) {
+        ElementPtr element;
+        if (SUCCEEDED(array->GetElement(i, element.put())) && element && !visit(std::move(element))) {
+            return;
+        }
+    }
+}
+
 }  // namespace UiaHelper

@@ -43,17 +43,12 @@ void AppendHostedWindows(IUIAutomationElement* frame, IUIAutomationCondition* co
     if (FAILED(frame->FindAll(TreeScope_Children, condition, children.put())) || !children) {
         return;
     }
-    int length = 0;
-    children->get_Length(&length);
-    for (int i = 0; i < length; ++i) {
-        ElementPtr child;
-        if (FAILED(children->GetElement(i, child.put())) || !child) {
-            continue;
-        }
+    ForEachElement(children.get(), [&](ElementPtr child) {
         if (ProcessIdOf(child.get()) == pid) {
             result.push_back(std::move(child));
         }
-    }
+        return true;
+    });
 }
 
 }  // namespace
@@ -82,13 +77,7 @@ ElementList GetToplevelsForPid(int pid) {
         TOLVA_LOG(logger, 1, "Failed to get children " << std::hex << hr);
         return result;
     }
-    int length = 0;
-    children->get_Length(&length);
-    for (int i = 0; i < length; ++i) {
-        ComPtr<IUIAutomationElement> element;
-        if (FAILED(children->GetElement(i, element.put())) || !element) {
-            continue;
-        }
+    ForEachElement(children.get(), [&](ElementPtr element) {
         const int elementPid = ProcessIdOf(element.get());
         const std::wstring className = GetControlClassName(element.get());
         if (elementPid == pid) {
@@ -100,7 +89,8 @@ ElementList GetToplevelsForPid(int pid) {
         } else if (className == L"ApplicationFrameWindow") {
             AppendHostedWindows(element.get(), condition.get(), pid, result);
         }
-    }
+        return true;
+    });
     return result;
 }
 
@@ -144,20 +134,16 @@ IUIAutomationElement* GetToplevelByClassName(const std::wstring& classRegex) {
         TOLVA_LOG(logger, 1, pattern.error());
         return nullptr;
     }
-    int length = 0;
-    children->get_Length(&length);
-    for (int i = 0; i < length; ++i) {
-        ComPtr<IUIAutomationElement> element;
-        if (FAILED(children->GetElement(i, element.put())) || !element) {
-            continue;
-        }
+    ElementPtr hit;
+    ForEachElement(children.get(), [&](ElementPtr element) {
         const std::wstring className = GetControlClassName(element.get());
         TOLVA_LOG(logger, 9, "cl: " << className);
         if (pattern.matches(className)) {
-            return element.detach();
+            hit = std::move(element);
         }
-    }
-    return nullptr;
+        return !hit;
+    });
+    return hit.detach();
 }
 
 IUIAutomationElement* GetToplevelByTitleViaHWND(const std::wstring& titleRegex) {

@@ -46,26 +46,19 @@ void AppendFrameHits(IUIAutomationElement* frame, IUIAutomationCondition* condit
     if (FAILED(frame->FindAll(TreeScope_Children, condition, children.put())) || !children) {
         return;
     }
-    int length = 0;
-    children->get_Length(&length);
-    for (int i = 0; i < length; ++i) {
-        ComPtr<IUIAutomationElement> child;
-        if (FAILED(children->GetElement(i, child.put())) || !child) {
-            continue;
-        }
+    ForEachElement(children.get(), [&](ElementPtr child) {
         if (!TypeFits(child.get(), type)) {
-            continue;
+            return true;
         }
         int childPid = 0;
         GetControlProcessId(child.get(), &childPid);
         const std::wstring name = NormalisedName(child.get());
         if (childPid != framePid && pattern.matches(name)) {
             hits.push_back(std::move(child));
-            if (firstOnly) {
-                return;
-            }
+            return !firstOnly;
         }
-    }
+        return true;
+    });
 }
 
 }  // namespace
@@ -221,26 +214,19 @@ ElementList GetElementsByTypeAndName(IUIAutomationElement* root, const std::wstr
     automation->CreateTrueCondition(condition.put());
     ComPtr<IUIAutomationElementArray> found;
     root->FindAll(static_cast<TreeScope>(scope), condition.get(), found.put());
-    int length = 0;
-    if (found) {
-        found->get_Length(&length);
-    }
-    for (int i = 0; i < length; ++i) {
-        ComPtr<IUIAutomationElement> element;
-        if (FAILED(found->GetElement(i, element.put())) || !element) {
-            continue;
-        }
+    ForEachElement(found.get(), [&](ElementPtr element) {
         const bool hit = TypeFits(element.get(), type) && pattern.matches(NormalisedName(element.get()));
         if (hit) {
             hits.push_back(element);
             if (firstOnly) {
-                break;
+                return false;
             }
         }
         if (GetControlClassName(element.get()) == L"ApplicationFrameWindow" && scope == SCOPE_CHILDREN) {
             AppendFrameHits(element.get(), condition.get(), type, pattern, firstOnly, hits);
         }
-    }
+        return true;
+    });
     TOLVA_LOG(logger, 9, "count: " << hits.size());
     return hits;
 }

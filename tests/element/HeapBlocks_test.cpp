@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 using dwtest::DriverTest;
@@ -27,6 +29,48 @@ void* countingMalloc(size_t size) {
         ++blocks;
     }
     return realMalloc(size);
+}
+
+// The blocks that the driver took and hasn't given back, on any thread, while
+// kept is on. A block made before is not counted when it is freed.
+struct KeptBlocks {
+    std::mutex lock;
+    std::unordered_set<void*> blocks;
+    bool on = false;
+    void* (*malloc)(size_t) = nullptr;
+    void* (*realloc)(void*, size_t) = nullptr;
+    void (*free)(void*) = nullptr;
+
+    void made(void* block) {
+        std::lock_guard<std::mutex> guard(lock);
+        if (on && block) blocks.insert(block);
+    }
+    void gone(void* block) {
+        std::lock_guard<std::mutex> guard(lock);
+        blocks.erase(block);
+    }
+    size_t count() {
+        std::lock_guard<std::mutex> guard(lock);
+        return blocks.size();
+    }
+} kept;
+
+void* keptMalloc(size_t size) {
+    void* block = kept.malloc(size);
+    kept.made(block);
+    return block;
+}
+
+void* keptRealloc(void* old, size_t size) {
+    void* block = kept.realloc(old, size);
+    if (block || size == 0) kept.gone(old);
+    kept.made(block);
+    return block;
+}
+
+void keptFree(void* block) {
+    kept.gone(block);
+    kept.free(block);
 }
 
 class HeapBlocks : public DriverTest {
@@ -107,4 +151,38 @@ TEST_F(HeapBlocks, NativesStayWithinTheirBudgets) {
         EXPECT_LE(taken / row.elements, row.budget) << row.what << ": " << taken << " blocks";
     }
     EXPECT_EQ(256u, host->strings(hierarchy()).size()) << "the hierarchy reached every element";
+}
+
+// Java reads the same elements again and again for hours: once every control
+// is made, a read leaves nothing behind in the driver's heap, however often
+// it comes.
+TEST_F(HeapBlocks, RepeatedReadsLeaveNoBlocksBehind) {
+    patch.reset();
+    dwtest::ImportPatch mallocs(dll->module(), "malloc", reinterpret_cast<void*>(&keptMalloc));
+    dwtest::ImportPatch reallocs(dll->module(), "realloc", reinterpret_cast<void*>(&keptRealloc));
+    dwtest::ImportPatch frees(dll->module(), "free", reinterpret_cast<void*>(&keptFree));
+    ASSERT_TRUE(mallocs.applied() && frees.applied());
+    kept.malloc = reinterpret_cast<void* (*)(size_t)>(mallocs.original());
+    kept.realloc = reallocs.applied() ? reinterpret_cast<void* (*)(void*, size_t)>(reallocs.original()) : nullptr;
+    kept.free = reinterpret_cast<void (*)(void*)>(frees.original());
+    auto round = [&] {
+        env->PushLocalFrame(256);
+        for (jlong top : host->longs(native<jlongArray>("GetToplevels"))) {
+            for (jlong child : host->longs(native<jlongArray>("GetChildren", top))) {
+                native<jobjectArray>("GetAttributes", child, names);
+                native<jlong>("GetParent", child);
+                native<jlongArray>("GetChildren", child);
+            }
+        }
+        hierarchy();
+        native<jlong>("GetElementFromPoint", jint{15}, jint{15});
+        env->PopLocalFrame(nullptr);
+    };
+    for (int rounds : {50, 500}) {
+        kept.blocks.clear();
+        kept.on = true;
+        for (int i = 0; i < rounds; ++i) round();
+        kept.on = false;
+        EXPECT_LE(kept.count(), 8u) << rounds << " rounds of reads keep blocks";
+    }
 }
