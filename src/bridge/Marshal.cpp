@@ -77,6 +77,9 @@ Array<Handle> fromJavaHandles(JNIEnv* env, jlongArray handles) {
     const jsize length = env->GetArrayLength(handles);
     Array<Handle> result(length);
     jlong* values = env->GetLongArrayElements(handles, nullptr);
+    if (!values) {
+        return Array<Handle>();  // the VM had no room; its OutOfMemoryError is pending
+    }
     for (jsize i = 0; i < length; ++i) {
         result[i] = handleFromJava(values[i]);
     }
