@@ -74,7 +74,7 @@ static int CoreWindowProcessId(IUIAutomationElement* frame) {
     }
     int pid = 0;
     for (const UiaHelper::ElementPtr& child : UiaHelper::GetChildren(control->getElement().get())) {
-        if (UiaHelper::GetControlClassName(child.get()) == L"Windows.UI.Core.CoreWindow") {
+        if (UiaHelper::GetControlClassName(child.get()) == UiaHelper::CORE_WINDOW_CLASS) {
             UiaHelper::GetControlProcessId(child.get(), &pid);  // with more than one, the last wins
         }
     }

@@ -18,7 +18,6 @@ namespace {
 
 tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
 
-const wchar_t* const CORE_WINDOW_CLASS = L"Windows.UI.Core.CoreWindow";
 // UIA_ScrollPatternNoScroll: the percentage that leaves an axis as it is.
 const double NO_SCROLL = -1.0;
 // SWP_NOSIZE | SWP_NOMOVE: only the z-order changes.

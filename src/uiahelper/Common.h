@@ -30,6 +30,9 @@ AutomationRef withdrawAutomation();
 namespace UiaHelper {
 
 using ElementPtr = tolva::ComPtr<IUIAutomationElement>;
+
+// The class of a store app's core window, which its frame window hosts.
+inline const wchar_t* const CORE_WINDOW_CLASS = L"Windows.UI.Core.CoreWindow";
 // The elements of a walk or a search, in the order found; each non-null entry
 // holds one reference, given up with the list.
 using ElementList = std::vector<ElementPtr>;

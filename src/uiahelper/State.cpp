@@ -14,7 +14,6 @@ namespace {
 
 tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
 
-const wchar_t* const CORE_WINDOW_CLASS = L"Windows.UI.Core.CoreWindow";
 const TEXTATTRIBUTEID IS_READ_ONLY_ATTRIBUTE = 40015;  // UIA_IsReadOnlyAttributeId
 
 // A pattern's number into `value` if the read works; `value` stays otherwise.
