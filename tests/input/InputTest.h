@@ -8,6 +8,7 @@
 #include "DriverTest.h"
 #include "PlatformCalls.h"
 
+#include <cctype>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -27,7 +28,7 @@ protected:
         return calls->take(omit);
     }
     std::string mouse(jlong handle, jint id, jint button, jint x, jint y, jint modifiers, jint count,
-                      std::initializer_list<const char*> omit = {"GetSystemMetrics"}) {
+                      std::initializer_list<const char*> omit = {"GetSystemMetrics", "MapVirtualKeyW"}) {
         return recorded(omit, "SimulateMouseEvent", handle, id, button, x, y, modifiers, count);
     }
     std::string key(jlong handle, jchar c, jint keyCode, jint modifiers,
@@ -53,5 +54,16 @@ protected:
     fakeuia::Node* buttonNode = nullptr;
     jlong button = 0, menuItem = 0, unbounded = 0, unreadable = 0;
 };
+
+// A parameterised row's name for GoogleTest: its `what`, in letters, digits
+// and underscores.
+template <class Row>
+std::string rowName(const testing::TestParamInfo<Row>& info) {
+    std::string name;
+    for (const char* c = info.param.what; *c; ++c) {
+        name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+    }
+    return name;
+}
 
 }  // namespace dwtest

@@ -4,6 +4,7 @@
 #include "InputTest.h"
 
 #include <cstdio>
+#include <ostream>
 #include <string>
 
 using dwtest::InputOnElements;
@@ -48,6 +49,8 @@ const KeyRow KEY_ROWS[] = {
     {"mask bit 4 is no key", 0, 'A', 4, A_STROKE},
 };
 
+void PrintTo(const KeyRow& row, std::ostream* out) { *out << row.what; }
+
 class KeySequences : public InputOnElements, public testing::WithParamInterface<KeyRow> {
 protected:
     void SetUp() override {
@@ -73,6 +76,8 @@ const ExtendedRow EXTENDED_ROWS[] = {
     {VK_RETURN, 0x1c, false},  {'A', 0x1e, false},
 };
 
+void PrintTo(const ExtendedRow& row, std::ostream* out) { *out << "key 0x" << std::hex << row.key; }
+
 class ExtendedKeys : public InputOnElements, public testing::WithParamInterface<ExtendedRow> {};
 
 std::string stroke(const ExtendedRow& row) {
@@ -87,10 +92,10 @@ std::string stroke(const ExtendedRow& row) {
 
 TEST_P(KeySequences, CallByCall) {
     const KeyRow& row = GetParam();
-    EXPECT_EQ(row.calls, key(button, row.c, row.keyCode, row.modifiers)) << row.what;
+    EXPECT_EQ(row.calls, key(button, row.c, row.keyCode, row.modifiers));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, KeySequences, testing::ValuesIn(KEY_ROWS));
+INSTANTIATE_TEST_SUITE_P(Rows, KeySequences, testing::ValuesIn(KEY_ROWS), dwtest::rowName<KeyRow>);
 
 TEST_P(ExtendedKeys, KeepTheirFlagInBothStrokes) {
     const ExtendedRow& row = GetParam();

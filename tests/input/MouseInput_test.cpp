@@ -6,7 +6,7 @@
 #include "InputTest.h"
 #include "LogFile.h"
 
-#include <cctype>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -21,6 +21,7 @@ const wchar_t* const MULTICLICK = L"deskwright.delay.mouse.multiclick";
 // (10, 5) in the button and in the menu item is (110, 205) on the screen.
 // The pointer already there: a glide of no way point, then the final move.
 const std::string AT = "GetCursorPos; mouse_event(0x8001,3740,12300); mouse_event(0x8001,3757,12451)";
+const std::string FINAL_MOVE = "mouse_event(0x8001,3757,12451)";
 const std::string SHIFT_DOWN = "keybd_event(0x10,0x2a,0)", SHIFT_UP = "keybd_event(0x10,0x2a,2)";
 const std::string CONTROL_DOWN = "keybd_event(0x11,0x1d,0)", CONTROL_UP = "keybd_event(0x11,0x1d,2)";
 const std::string ALT_DOWN = "keybd_event(0x12,0x38,0)", ALT_UP = "keybd_event(0x12,0x38,2)";
@@ -103,6 +104,8 @@ const MouseRow MOUSE_ROWS[] = {
      "GetCursorPos; mouse_event(0x8001,306,300); mouse_event(0x8001,307,304)", nullptr},
 };
 
+void PrintTo(const MouseRow& row, std::ostream* out) { *out << row.what; }
+
 class MouseSequences : public InputOnElements, public testing::WithParamInterface<MouseRow> {
 protected:
     jlong handleOf(Target target) const {
@@ -110,14 +113,6 @@ protected:
         return handles[target];
     }
 };
-
-std::string rowName(const testing::TestParamInfo<MouseRow>& info) {
-    std::string name;
-    for (const char* c = info.param.what; *c; ++c) {
-        name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
-    }
-    return name;
-}
 
 }  // namespace
 
@@ -135,7 +130,7 @@ TEST_P(MouseSequences, CallByCall) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, MouseSequences, testing::ValuesIn(MOUSE_ROWS), rowName);
+INSTANTIATE_TEST_SUITE_P(Rows, MouseSequences, testing::ValuesIn(MOUSE_ROWS), dwtest::rowName<MouseRow>);
 
 // Every call, the screen's size among them, which is read afresh for each
 // leg and each final move.
@@ -173,6 +168,8 @@ TEST_F(InputOnElements, TheDelaysAreReadAtEachCall) {
     EXPECT_EQ(expected("7", "0", "12"), mouse(button, 500, 0, 10, 5, 0, 2)) << "text that doesn't parse is 0";
     setPreference(MOVED, L"");
     EXPECT_EQ(expected("0", "0", "12"), mouse(button, 500, 0, 10, 5, 0, 2)) << "the empty text is 0";
+    setPreference(MULTICLICK, L"-5");
+    EXPECT_EQ(expected("0", "0", "0"), mouse(button, 500, 0, 10, 5, 0, 2)) << "a negative delay waits for nothing";
     for (const wchar_t* key : {MOVED, PRESSED, MULTICLICK}) {
         erasePreference(key);
     }
@@ -191,4 +188,62 @@ TEST_F(InputOnElements, TheScaleFactorIsComputedOnce) {
     calls->start();
     EXPECT_EQ(1.5, native<jdouble>("GetScreenScaleFactor"));
     EXPECT_EQ("", calls->take());
+}
+
+// A click count that no multi-click means would hold the caller for hours
+// at the delays between the clicks: ten clicks at most.
+TEST_F(InputOnElements, AHugeClickCountMakesTenClicks) {
+    calls->cursor = {110, 205};
+    for (const jint count : {jint{11}, jint{1000}, jint{0x7fffffff}}) {
+        const std::string text = mouse(button, 500, 0, 10, 5, 0, count);
+        size_t clicks = 0;
+        for (size_t at = 0; (at = text.find("mouse_event(0x2,0,0); Sleep(25); mouse_event(0x4,0,0)", at)) != std::string::npos; ++at) {
+            ++clicks;
+        }
+        EXPECT_EQ(10u, clicks) << count;
+    }
+}
+
+// The element's window comes to the front before the input, through the
+// focus of its top element here, unless the element is an item of an open
+// menu, which the window would close: only the items of a menu bar and of a
+// WPF menu, which lives in the window itself, raise it.
+TEST_F(InputOnElements, TheWindowComesToTheFrontUnlessTheItemIsInAnOpenMenu) {
+    struct Row {
+        const char* what;
+        CONTROLTYPEID parentType, itemType;
+        const wchar_t* parentClass;
+        const wchar_t* framework;
+        int focusCalls;
+    };
+    const Row rows[] = {
+        {"a button in a pane", UIA_PaneControlTypeId, UIA_ButtonControlTypeId, L"", L"Win32", 1},
+        {"an item of a menu bar", UIA_MenuBarControlTypeId, UIA_MenuItemControlTypeId, L"", L"Win32", 1},
+        {"an item of a popup menu", UIA_MenuControlTypeId, UIA_MenuItemControlTypeId, L"#32768", L"Win32", 0},
+        {"an item of a WPF menu", UIA_MenuControlTypeId, UIA_MenuItemControlTypeId, L"Menu", L"WPF", 1},
+        {"an item of a WPF context menu", UIA_MenuControlTypeId, UIA_MenuItemControlTypeId, L"ContextMenu", L"WPF", 0},
+        {"an item of a menu of that class elsewhere", UIA_MenuControlTypeId, UIA_MenuItemControlTypeId, L"Menu",
+         L"WinForm", 0},
+        {"an item of an item", UIA_MenuItemControlTypeId, UIA_MenuItemControlTypeId, L"", L"Win32", 0},
+    };
+    setPreference(L"deskwright.front.via.focus", L"true");
+    calls->cursor = {110, 205};
+    for (const Row& row : rows) {
+        fakeuia::NodeSpec parentSpec;
+        parentSpec.controlType = row.parentType;
+        parentSpec.className = row.parentClass;
+        parentSpec.frameworkId = row.framework;
+        parentSpec.bounds = {100, 100, 300, 300};
+        fakeuia::NodeSpec itemSpec;
+        itemSpec.controlType = row.itemType;
+        itemSpec.name = L"item";
+        itemSpec.bounds = {100, 200, 300, 240};
+        fakeuia::Node& item = top->add(parentSpec).add(itemSpec);
+        const jlong handle = handleOf(item);
+        buttonNode->focus();
+        const int before = top->setFocusCalls();
+        const std::string moves = mouse(handle, 503, 0, 10, 5, 0, 1);
+        EXPECT_EQ(moves.size() - FINAL_MOVE.size(), moves.rfind(FINAL_MOVE)) << row.what << ": " << moves;
+        EXPECT_EQ(row.focusCalls, top->setFocusCalls() - before) << row.what;
+    }
 }
