@@ -85,6 +85,7 @@ void ShmMessage::reserve(std::size_t count, const char* what) {
         throw ShmException("No message set up");
     }
     if (bytes_.size() > limit_ || count > limit_ - bytes_.size()) {
+        clear();  // what was written can't go out as a whole, so none of it goes
         std::ostringstream text;
         text << "Message exceeds the queue size of " << limit_ << " bytes with " << what;
         throw ShmException(text.str());

@@ -1,6 +1,7 @@
 // One message of a queue as bytes: a kind byte, then a sequence of values,
 // each a type byte and its payload. Writing stops at the size limit, reading
-// at the end of the message; both throw ShmException instead of going over.
+// at the end of the message; both throw ShmException instead of going over,
+// and a write that doesn't fit drops the whole message.
 //
 // Payloads, little-endian: int, unsigned and raw 4 bytes; 64-bit int and
 // pointer 8 bytes; bool one byte, 0 or 1; wide string a 4-byte count of

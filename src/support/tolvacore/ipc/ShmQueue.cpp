@@ -163,6 +163,9 @@ ShmQueue& ShmQueue::operator>>(std::wstring& text) {
 }
 
 std::vector<std::uint8_t> ShmQueue::takeOutgoing() {
+    if (outgoing_.bytes().empty()) {
+        throw ShmException("No message set up");
+    }
     return outgoing_.take();
 }
 

@@ -101,7 +101,8 @@ public:
     ShmQueue& operator>>(std::wstring& text);
 
 protected:
-    // The message set up and written so far, for the transport to send.
+    // The message set up and written so far, for the transport to send;
+    // throws ShmException when none is set up (or the last write dropped it).
     std::vector<std::uint8_t> takeOutgoing();
     // A message the transport received; throws ShmException when it is
     // larger than the queue's size or of no known kind.
