@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <tuple>
 
 using dwtest::LoopbackQueue;
 using tolva::tolvacore::Exception;
@@ -68,39 +69,27 @@ TEST(ShmQueue, EveryTypeReadsBackAsWritten) {
     const std::wstring withNul(L"a\0\x00e9\x4e2d\xd83d\xde00", 6);
     void* const object = reinterpret_cast<void*>(std::uintptr_t(0x12345678));
     q.answer([&](ShmQueue& out) {
-        out << INT_MIN << -1 << INT_MAX << 0xFFFFFFFFu << std::int64_t(LLONG_MIN) << std::int64_t(-2)
-            << std::int64_t(LLONG_MAX) << true << false << object << static_cast<void*>(nullptr) << L"C string"
-            << static_cast<const wchar_t*>(nullptr) << withNul << std::wstring();
-        out.push(0x1E000000);
+        out << INT_MIN << INT_MAX << 0xFFFFFFFFu << std::int64_t(LLONG_MIN) << std::int64_t(LLONG_MAX) << true
+            << false << object << static_cast<void*>(nullptr) << L"C string" << static_cast<const wchar_t*>(nullptr)
+            << withNul;
         out.push(-7);
     });
-    int i1, i2, i3, raw1, raw2;
+    int i1, i2, raw;
     unsigned u;
-    std::int64_t l1, l2, l3;
+    std::int64_t l1, l2;
     bool yes, no;
     void *p1, *p2;
-    std::wstring s1, s2, s3, s4;
-    q.b() >> i1 >> i2 >> i3 >> u >> l1 >> l2 >> l3 >> yes >> no >> p1 >> p2 >> s1 >> s2 >> s3 >> s4;
-    q.b().pop(raw1);
-    q.b().pop(raw2);
-    EXPECT_EQ(INT_MIN, i1);
-    EXPECT_EQ(-1, i2);
-    EXPECT_EQ(INT_MAX, i3);
-    EXPECT_EQ(0xFFFFFFFFu, u);
-    EXPECT_EQ(LLONG_MIN, l1);
-    EXPECT_EQ(-2, l2);
-    EXPECT_EQ(LLONG_MAX, l3);
-    EXPECT_TRUE(yes);
-    EXPECT_FALSE(no);
+    std::wstring s1, s2, s3;
+    q.b() >> i1 >> i2 >> u >> l1 >> l2 >> yes >> no >> p1 >> p2 >> s1 >> s2 >> s3;
+    q.b().pop(raw);
+    EXPECT_EQ(std::make_tuple(INT_MIN, INT_MAX, 0xFFFFFFFFu, LLONG_MIN, LLONG_MAX, true, false, -7),
+              std::make_tuple(i1, i2, u, l1, l2, yes, no, raw));
     EXPECT_EQ(object, p1);
     EXPECT_EQ(nullptr, p2);
     EXPECT_EQ(L"C string", s1);
     EXPECT_EQ(L"", s2) << "a null C string goes as the empty string";
     EXPECT_EQ(withNul, s3);
-    EXPECT_EQ(L"", s4);
-    EXPECT_EQ(0x1E000000, raw1);
-    EXPECT_EQ(-7, raw2);
-    EXPECT_NE("", failureOf([&] { q.b() >> i1; })) << "the answer is read to its end";
+    EXPECT_EQ("Read past the end of the message: no int after byte 104", failureOf([&] { q.b() >> i1; }));
 }
 
 // Each row writes an answer, may change its bytes on the way, and reads it
@@ -125,24 +114,16 @@ TEST(ShmQueue, MalformedReadsThrowWithAClearText) {
     const Row rows[] = {
         {"int as unsigned", [](ShmQueue& q) { q << 1; }, none, [&](ShmQueue& q) { q >> u; },
          "Expected unsigned but found int at byte 1"},
-        {"int as 64-bit int", [](ShmQueue& q) { q << 1; }, none, [&](ShmQueue& q) { q >> l; },
-         "Expected 64-bit int but found int"},
         {"bool as int", [](ShmQueue& q) { q << true; }, none, [&](ShmQueue& q) { q >> i; },
          "Expected int but found bool"},
         {"string as pointer", [](ShmQueue& q) { q << L"x"; }, none, [&](ShmQueue& q) { q >> p; },
          "Expected pointer but found wide string"},
         {"int as raw", [](ShmQueue& q) { q << 0x1E000000; }, none, [&](ShmQueue& q) { q.pop(i); },
          "Expected raw value but found int"},
-        {"raw as int", [](ShmQueue& q) { q.push(5); }, none, [&](ShmQueue& q) { q >> i; },
-         "Expected int but found raw value"},
         {"past the end", [](ShmQueue& q) { q << 1; }, none, [&](ShmQueue& q) { q >> i >> i; },
          "Read past the end of the message: no int after byte 6"},
-        {"empty answer", [](ShmQueue&) {}, none, [&](ShmQueue& q) { q >> s; },
-         "Read past the end of the message: no wide string"},
         {"truncated 64-bit int", [](ShmQueue& q) { q << std::int64_t(1); }, [](Bytes& b) { b.resize(5); },
          [&](ShmQueue& q) { q >> l; }, "64-bit int at byte 1 needs 8 bytes, 3 left"},
-        {"type byte alone", [](ShmQueue& q) { q << 1; }, [](Bytes& b) { b.resize(2); },
-         [&](ShmQueue& q) { q >> i; }, "needs 4 bytes, 0 left"},
         {"string longer than the rest", [](ShmQueue& q) { q << L"abc"; }, [](Bytes& b) { b[2] = 4; },
          [&](ShmQueue& q) { q >> s; }, "Wide string at byte 1 claims 4 characters, 6 bytes are left"},
         {"string of 2^32-1 characters", [](ShmQueue& q) { q << L"abc"; },
@@ -208,15 +189,6 @@ TEST(ShmQueue, MessagesLargerThanTheQueueAreRefused) {
     EXPECT_EQ("Message of 4097 bytes exceeds the queue size of 4096", failureOf([&] { q.b().readAndDispatch(nullptr, 0); }));
     q.b().inject(LoopbackQueue::Bytes());
     EXPECT_EQ("Empty message", failureOf([&] { q.b().readAndDispatch(nullptr, 0); }));
-}
-
-TEST(ShmQueue, ValidateTypeAcceptsOnlyTheExpectedMarker) {
-    Ends q;
-    q.a().validateType(0x1E000000, 0x1E000000u);
-    EXPECT_EQ("Expected the marker 0x1e000000, found 0x1e000001",
-              failureOf([&] { q.a().validateType(0x1E000001, 0x1E000000u); }));
-    EXPECT_EQ("Expected the marker 0x1e000000, found 0xffffffff",
-              failureOf([&] { q.a().validateType(-1, 0x1E000000u); }));
 }
 
 // A pointer travels as 64 bits; a process of 32 bits refuses one it can't hold.
