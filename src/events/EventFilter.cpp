@@ -6,6 +6,7 @@
 #include <jni.h>
 
 #include <cstdarg>
+#include <memory>
 #include <unordered_map>
 
 namespace tolva {
@@ -391,6 +392,26 @@ void EventFilter::callJava(WinClientEvent* event) {
         TOLVA_LOG(logger, 10, "res: " << static_cast<int>(result));
     }
     clearJavaException();
+}
+
+void EventFilter::call(tolvacore::ipc::ShmQueue& queue) {
+    std::unique_ptr<WinClientEvent> event;
+    try {
+        event = WinClientEvent::readEvent(queue);
+        if (!event) {
+            TOLVA_LOG(logger, 1, "Could not create event.");
+        }
+    } catch (const tolvacore::ipc::ShmException& e) {
+        // The client's thread waits for the answer, and the queue's thread
+        // must go on serving: the record is lost, nothing else.
+        TOLVA_LOG(logger, 1, "Malformed event: " << e.getMessage());
+    }
+    if (event) {
+        TOLVA_LOG(logger, 9, "type: " << event->type << ", handle: " << event->handle << ", code: " << event->code);
+        callJava(event.get());
+        TOLVA_LOG(logger, 9, "end");
+    }
+    queue.returnInt(0);
 }
 
 void EventFilter::callCallbackVoid(const char* name, const char* signature, std::int64_t handle, bool withIndex,

@@ -6,6 +6,7 @@
 
 #include "events/GlobalRef.h"
 #include "events/JniTypes.h"
+#include "tolvacore/ipc/ShmQueue.h"
 
 #include <cstdint>
 #include <string>
@@ -15,10 +16,17 @@ namespace tolva {
 
 class WinClientEvent;
 
-class EventFilter {
+// The client calls it by the pointer it got at connection, with a record.
+class EventFilter : public tolvacore::ipc::ShmCallable {
 public:
     static EventFilter& getInstance();
-    virtual ~EventFilter();
+    ~EventFilter() override;
+
+    // Reads a record from the queue and hands it to callJava, then answers 0,
+    // so that the client's call returns once the host has seen the event. A
+    // malformed record is logged and answered 0 all the same; only a failure
+    // of the answer itself leaves as ShmException.
+    void call(tolvacore::ipc::ShmQueue& queue) override;
 
     void setJavaVM(JavaVM* vm);
     // On the Java caller's thread, with its environment.

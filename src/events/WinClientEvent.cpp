@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <new>
+
 namespace tolva {
 
 namespace {
@@ -55,6 +57,87 @@ MSAAEvent::MSAAEvent(std::int32_t code, std::int32_t hwnd, std::int32_t arg)
 MSAAEvent::MSAAEvent(std::int32_t code, std::int32_t hwnd, std::int32_t arg, std::int64_t timestamp)
     : MSAAEvent(code, hwnd, arg) {
     this->timestamp = timestamp;
+}
+
+// --- the records on a queue ----------------------------------------------------
+
+namespace {
+
+// A new record of the kind that the type code names; a plain one for any other code.
+WinClientEvent* newRecord(std::int32_t type) {
+    switch (type) {
+    case EVENT_MOUSE: return new (std::nothrow) MouseEvent();
+    case EVENT_KEY: return new (std::nothrow) KeyEvent();
+    case EVENT_UIAUTOMATION: return new (std::nothrow) UIAutomationEvent();
+    case EVENT_MSAA: return new (std::nothrow) MSAAEvent();
+    case EVENT_CHANGE: return new (std::nothrow) ChangeEvent();
+    default: return new (std::nothrow) WinClientEvent();
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<WinClientEvent> WinClientEvent::readEvent(ShmQueue& queue) {
+    int marker = 0;
+    queue.pop(marker);
+    queue.validateType(marker, EVENT_MARKER);
+    std::int32_t type = 0;
+    queue >> type;
+    std::unique_ptr<WinClientEvent> event(newRecord(type));
+    if (event) {
+        event->read(queue);
+        event->type = type;
+    }
+    return event;
+}
+
+void WinClientEvent::write(ShmQueue& queue) const {
+    queue.push(static_cast<int>(EVENT_MARKER));
+    queue << type << handle << code << timestamp;
+}
+
+void WinClientEvent::read(ShmQueue& queue) {
+    queue >> handle >> code;
+}
+
+void KeyEvent::write(ShmQueue& queue) const {
+    WinClientEvent::write(queue);
+    queue << vk << character << shift << ctrl << alt;
+}
+
+void KeyEvent::read(ShmQueue& queue) {
+    WinClientEvent::read(queue);
+    queue >> vk >> character >> shift >> ctrl >> alt;
+}
+
+void MouseEvent::write(ShmQueue& queue) const {
+    WinClientEvent::write(queue);
+    queue << x << y << screenX << screenY << button << modifiers;
+}
+
+void MouseEvent::read(ShmQueue& queue) {
+    WinClientEvent::read(queue);
+    queue >> x >> y >> screenX >> screenY >> button >> modifiers;
+}
+
+void UIAutomationEvent::write(ShmQueue& queue) const {
+    WinClientEvent::write(queue);
+    queue << param << text;
+}
+
+void UIAutomationEvent::read(ShmQueue& queue) {
+    WinClientEvent::read(queue);
+    queue >> param >> text;
+}
+
+void MSAAEvent::write(ShmQueue& queue) const {
+    WinClientEvent::write(queue);
+    queue << hwnd << arg;
+}
+
+void MSAAEvent::read(ShmQueue& queue) {
+    WinClientEvent::read(queue);
+    queue >> hwnd >> arg;
 }
 
 }  // namespace tolva

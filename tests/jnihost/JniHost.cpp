@@ -637,6 +637,8 @@ void Impl::violate(const std::string& what) {
 }
 
 void Impl::recordCall(Klass* at, Method* m, Obj* self, const std::vector<Val>& args) {
+  ++callCounts[m->name];
+  if (!opt.recordCalls) return;
   Call c;
   c.className = at->name;
   c.method = m->name;
@@ -649,6 +651,8 @@ void Impl::recordCall(Klass* at, Method* m, Obj* self, const std::vector<Val>& a
 }
 
 void Impl::recordConstruction(Klass* k, Method* ctor, Obj* o, const std::vector<Val>& args) {
+  ++constructionCounts[k->name];
+  if (!opt.recordCalls) return;
   Construction c;
   c.className = k->name;
   c.signature = ctor->sig;
@@ -749,7 +753,8 @@ jint identityHash(const Obj* o) { return static_cast<jint>((o->id * 2654435761u)
 
 // Constructor that stores its arguments as the named fields, and fixed values.
 Builtin setFields(std::vector<std::string> names, std::vector<std::pair<std::string, Val>> fixed) {
-  return [names, fixed](Ctx&, Obj* self, Args a) {
+  return [names, fixed](Ctx& c, Obj* self, Args a) {
+    if (!c.h->opt.recordCalls) return Val();
     for (size_t i = 0; i < names.size() && i < a.size(); ++i)
       if (!names[i].empty()) self->fields[names[i]] = a[i];
     for (auto& f : fixed) self->fields[f.first] = f.second;
@@ -1351,8 +1356,22 @@ int JavaHost::loadClassCount(const std::string& dottedName) const {
   return it == impl_->loadCounts.end() ? 0 : it->second;
 }
 
+size_t JavaHost::callCount(const std::string& method) const {
+  auto lk = lockOf(*impl_);
+  auto it = impl_->callCounts.find(method);
+  return it == impl_->callCounts.end() ? 0 : it->second;
+}
+
+size_t JavaHost::constructionCount(const std::string& className) const {
+  auto lk = lockOf(*impl_);
+  auto it = impl_->constructionCounts.find(className);
+  return it == impl_->constructionCounts.end() ? 0 : it->second;
+}
+
 void JavaHost::clearRecords() {
   auto lk = lockOf(*impl_);
+  impl_->callCounts.clear();
+  impl_->constructionCounts.clear();
   impl_->callLog.clear();
   impl_->constructionLog.clear();
   impl_->loadCounts.clear();

@@ -134,6 +134,10 @@ class JavaHost {
     // finds them, and ClassLoader.getSystemClassLoader() is then a loader of
     // its own that finds only java/* and jdk/* classes.
     bool appClassesVisibleToNativeThreads = true;
+    // With false, calls and constructions are only counted (callCount,
+    // constructionCount), not recorded, and event objects keep no fields:
+    // for runs of millions of events.
+    bool recordCalls = true;
   };
   using Handler = std::function<Value(JNIEnv* env, jobject self, const std::vector<Value>& args)>;
 
@@ -219,7 +223,11 @@ class JavaHost {
   bool waitForCalls(const std::string& method, size_t count, unsigned timeoutMs) const;
   bool waitForConstructions(const std::string& className, size_t count, unsigned timeoutMs) const;
   int loadClassCount(const std::string& dottedName) const;
-  void clearRecords();  // calls, constructions, load counts
+  // Calls of a method and constructions of a class (slash form) so far,
+  // whether or not they are recorded.
+  size_t callCount(const std::string& method) const;
+  size_t constructionCount(const std::string& className) const;
+  void clearRecords();  // calls, constructions, their counts, load counts
 
   // --- the class set ---------------------------------------------------------
   void removeClass(const std::string& className);  // FindClass/loadClass then fail

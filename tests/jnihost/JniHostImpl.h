@@ -186,6 +186,7 @@ struct Impl {
   std::vector<Call> callLog;
   std::vector<Construction> constructionLog;
   std::map<std::string, int> loadCounts;
+  std::map<std::string, size_t> callCounts, constructionCounts;  // by method name, by class
   std::vector<std::string> violationLog, pendingCallLog, uncaughtLog;
   int threadCounter = 0;
 
