@@ -10,6 +10,7 @@
 #include "FakeUiaPatterns.h"
 #include "ImportPatch.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -52,9 +53,7 @@ protected:
     void SetUp() override {
         dumpLogOnFailure = false;  // a failure names its call; the log is far too long to print
         DriverTest::SetUp();
-        ownWindow = CreateWindowExW(0, L"EDIT", L"Own window", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr,
-                                    nullptr, GetModuleHandleW(nullptr), nullptr);
-        ASSERT_NE(nullptr, ownWindow);
+        ASSERT_NE(nullptr, ownWindow.hwnd);
         seed = environmentNumber("DESKWRIGHT_FUZZ_SEED", 20261123);
         rng.seed(seed);
         makeTarget();
@@ -76,7 +75,6 @@ protected:
         native<void>("EnableCheckMode", jboolean{JNI_FALSE}, jint{0});
         native<void>("EnableEventListeners", jint{0});
         native<void>("EnableRecordingMode", jboolean{JNI_FALSE}, jint{0});
-        DestroyWindow(ownWindow);
         keyPatch.reset();
         mousePatch.reset();
         sleepPatch.reset();
@@ -86,25 +84,20 @@ protected:
     // A window with a few controls that answer the common patterns.
     void makeTarget() {
         fakeuia::Node& top = attachToOwnWindow(L"Target");
-        fakeuia::Node* list = nullptr;
         LONG y = 20;
         auto add = [&](fakeuia::Node& parent, CONTROLTYPEID type, const wchar_t* name) -> fakeuia::Node& {
-            fakeuia::NodeSpec spec;
-            spec.controlType = type;
-            spec.name = spec.automationId = name;
-            spec.bounds = {20, y, 180, y + 20};
             y += 25;
-            return parent.add(spec);
+            return parent.add({.controlType = type, .name = name, .automationId = name, .bounds = {20, y, 180, y + 20}});
         };
         fakeuia::attach<fakeuia::InvokeSource>(add(top, UIA_ButtonControlTypeId, L"OK"));
         fakeuia::attach<fakeuia::ValueSource>(add(top, UIA_EditControlTypeId, L"Field"), L"text");
         fakeuia::attach<fakeuia::ToggleSource>(add(top, UIA_CheckBoxControlTypeId, L"Check"));
         fakeuia::attach<fakeuia::RangeValueSource>(add(top, UIA_SliderControlTypeId, L"Slider"), 5.0, 0.0, 10.0);
         fakeuia::attach<fakeuia::ExpandCollapseSource>(add(top, UIA_TreeItemControlTypeId, L"Node"));
-        list = &add(top, UIA_ListControlTypeId, L"List");
-        fakeuia::attach<fakeuia::ScrollSource>(*list);
+        fakeuia::Node& list = add(top, UIA_ListControlTypeId, L"List");
+        fakeuia::attach<fakeuia::ScrollSource>(list);
         for (const wchar_t* item : {L"one", L"two", L"three"}) {
-            fakeuia::attach<fakeuia::SelectionItemSource>(add(*list, UIA_ListItemControlTypeId, item));
+            fakeuia::attach<fakeuia::SelectionItemSource>(add(list, UIA_ListItemControlTypeId, item));
         }
         harvestTree();
         ASSERT_GE(pool.size(), 10u);
@@ -116,33 +109,21 @@ protected:
                 jobjectArray flat = native<jobjectArray>("GetHierarchyWithAttributes", top, host->stringArray({}),
                                                          host->longArray({}));
                 host->takeException();
-                if (host->isNull(flat)) {
-                    continue;
-                }
-                auto entries = host->strings(flat);
-                for (size_t i = 1; i < entries.size(); i += 2) {
-                    harvest({std::stoll(*entries[i])});
-                }
+                auto entries = host->isNull(flat) ? std::vector<std::optional<std::wstring>>{} : host->strings(flat);
+                for (size_t i = 1; i < entries.size(); i += 2) harvest({std::stoll(*entries[i])});
             }
             return 0;
         });
     }
     void harvest(const std::vector<jlong>& handles) {
-        for (jlong handle : handles) {
-            if (handle != 0 && known.insert(handle).second) {
-                pool.push_back(handle);
-            }
-        }
+        for (jlong handle : handles) if (handle != 0 && known.insert(handle).second) pool.push_back(handle);
     }
     // Whether the driver reads the value as a handle some control has had.
     bool namesAControl(jlong value) const {
-        for (jlong handle : known) {
-            if (sizeof(void*) == 4 ? static_cast<std::uint32_t>(value) == static_cast<std::uint32_t>(handle)
-                                   : value == handle) {
-                return true;
-            }
-        }
-        return false;
+        return std::any_of(known.begin(), known.end(), [value](jlong handle) {
+            return sizeof(void*) == 4 ? static_cast<std::uint32_t>(value) == static_cast<std::uint32_t>(handle)
+                                      : value == handle;
+        });
     }
 
     // --- arguments, each written into the description of the call ----------------
@@ -160,9 +141,7 @@ protected:
             case 4: value = below(2) ? LLONG_MIN : LLONG_MAX; break;
             default: value = -static_cast<jlong>(below(0x10000)); break;
             }
-            if (!namesAControl(value)) {
-                return value;
-            }
+            if (!namesAControl(value)) return value;
         }
     }
     template <class V, size_t N>
@@ -211,9 +190,7 @@ protected:
         // them whole); else empty, a word, or short with any code unit, NUL
         // and lone surrogates included.
         const auto kind = below(100);
-        if (kind >= 15 && kind < 60) {
-            return pick(words);
-        }
+        if (kind >= 15 && kind < 60) return pick(words);
         std::wstring any(kind == 0 ? below(100000) + 1 : kind < 15 ? 0 : below(20), L'x');
         for (wchar_t& c : any) {
             c = kind == 0 && below(1000) ? L'x' : static_cast<wchar_t>(below(3) ? 0x20 + below(0x60) : rng());
@@ -225,11 +202,8 @@ protected:
         std::ostringstream text;
         text << "\"" << std::hex;
         for (size_t i = 0; i < value.size() && i < 24; ++i) {
-            if (value[i] >= 0x20 && value[i] < 0x7F) {
-                text << static_cast<char>(value[i]);
-            } else {
-                text << "\\u" << static_cast<unsigned>(value[i]);
-            }
+            if (value[i] >= 0x20 && value[i] < 0x7F) text << static_cast<char>(value[i]);
+            else text << "\\u" << static_cast<unsigned>(value[i]);
         }
         text << std::dec << "\"(" << value.size() << ")";
         return text.str();
@@ -248,16 +222,12 @@ protected:
             return nullptr;
         }
         std::vector<std::wstring> items;
-        for (size_t i = 0; i < count; ++i) {
-            items.push_back(text());
-        }
+        for (size_t i = 0; i < count; ++i) items.push_back(text());
         jobjectArray array = host->stringArray(items);
         out << " names={";
         for (size_t i = 0; i < count; ++i) {
             const bool isNull = below(5) == 0;
-            if (isNull) {
-                env->SetObjectArrayElement(array, static_cast<jsize>(i), nullptr);
-            }
+            if (isNull) env->SetObjectArrayElement(array, static_cast<jsize>(i), nullptr);
             out << (i ? "," : "") << (isNull ? std::string("null") : shown(items[i]));
         }
         out << "}";
@@ -266,19 +236,15 @@ protected:
     jlongArray handles() {
         const size_t count = below(6) == 0 ? 0 : below(40) == 0 ? below(100000) : below(4);
         std::vector<jlong> items;
-        for (size_t i = 0; i < count; ++i) {
-            items.push_back(below(2) ? pool[below(pool.size())] : static_cast<jlong>(rng()));
-        }
+        for (size_t i = 0; i < count; ++i) items.push_back(below(2) ? pool[below(pool.size())] : static_cast<jlong>(rng()));
         out << " excluded=(" << count << ")";
         return count == 0 && below(2) ? nullptr : host->longArray(items);
     }
     // A window handle: this test's own window (given only harmless messages),
     // or a value that names no window at all.
     jlong window(bool anyMessage) {
-        HWND hwnd = nullptr;
-        if (!anyMessage && below(2)) {
-            hwnd = ownWindow;
-        } else {
+        HWND hwnd = ownWindow.hwnd;
+        if (anyMessage || below(2) == 0) {
             do {
                 hwnd = reinterpret_cast<HWND>(static_cast<std::uintptr_t>(below(3) ? below(0x100000) : rng()));
             } while (IsWindow(hwnd) || LOWORD(reinterpret_cast<std::uintptr_t>(hwnd)) == 0xFFFF || !hwnd);
@@ -304,9 +270,7 @@ protected:
 
     // --- results ----------------------------------------------------------------------
     void expect(bool holds, const char* what) {
-        if (!holds) {
-            problem << what << "; ";
-        }
+        if (!holds) problem << what << "; ";
     }
     void harvestLongs(jlongArray found) {
         if (!host->isNull(found)) {
@@ -317,11 +281,7 @@ protected:
     }
     // One native: its name, what it may throw and answer, and a call with
     // fresh arguments.
-    struct Native {
-        const char* name;
-        int flags;
-        std::function<void(Fuzz&)> call;
-    };
+    struct Native { const char* name; int flags; std::function<void(Fuzz&)> call; };
     static const std::vector<Native>& natives();
     // A native called with arguments drawn by their types, in their order;
     // handles in its result join the pool.
@@ -348,9 +308,7 @@ protected:
                         if constexpr (std::is_same_v<R, jlongArray>) {
                             t.harvestLongs(result);
                         } else if constexpr (std::is_same_v<R, jlong>) {
-                            if (name == std::string("GetParent")) {
-                                t.harvest({result});
-                            }
+                            if (name == std::string("GetParent")) t.harvest({result});
                         }
                     }
                 }};
@@ -393,21 +351,15 @@ protected:
             problem << "no InvalidHandleException; ";
         }
         const auto violations = host->violations();
-        for (size_t i = misuse; i < violations.size(); ++i) {
-            problem << "JNI misuse: " << violations[i] << "; ";
-        }
-        if (host->outstandingPins() != 0) {
-            problem << host->outstandingPins() << " pins left; ";
-        }
-        if (problem.str().empty()) {
-            return true;
-        }
+        for (size_t i = misuse; i < violations.size(); ++i) problem << "JNI misuse: " << violations[i] << "; ";
+        if (host->outstandingPins() != 0) problem << host->outstandingPins() << " pins left; ";
+        if (problem.str().empty()) return true;
         ADD_FAILURE() << "seed " << seed << ", call " << index << ": " << native.name << "(" << out.str()
                       << " ): " << problem.str();
         return false;
     }
 
-    HWND ownWindow = nullptr;
+    dwtest::OwnWindow ownWindow{L"EDIT", L"Own window"};
     std::unique_ptr<dwtest::ImportPatch> sleepPatch, mousePatch, keyPatch;
     std::uint64_t seed = 0;
     std::mt19937_64 rng;
@@ -489,9 +441,7 @@ void Fuzz::runCalls(size_t calls) {
         const Native& native = table[below(table.size())];
         called.insert(native.name);
         runOne(native, index);
-        if (index % 1000 == 999) {
-            harvestTree();  // after ReleaseControls, the target is read again
-        }
+        if (index % 1000 == 999) harvestTree();  // after ReleaseControls, the target is read again
     }
     std::cout << "seed " << seed << ": " << calls << " calls in " << (GetTickCount64() - start) / 1000 << " s"
               << std::endl;

@@ -51,10 +51,7 @@ TEST_F(Natives, AHandleThatFailsTheCheckGetsTheDefaultAndTheException) {
 
 TEST_F(Natives, OnlyTheLowWordOfAHandleIsReadIn32Bits) {
     fakeuia::Node& top = attachToOwnWindow(L"Target");
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_ButtonControlTypeId;
-    spec.name = L"OK";
-    top.add(spec);
+    top.add({.controlType = UIA_ButtonControlTypeId, .name = L"OK"});
     const jlong handle = handleOf(top);
     const std::string children = show(native<jlongArray>("GetChildren", handle));
     ASSERT_EQ("", thrown());
@@ -70,21 +67,12 @@ TEST_F(Natives, OnlyTheLowWordOfAHandleIsReadIn32Bits) {
 
 TEST_F(Natives, PreferencesAnswerDefaultsAndStoredValues) {
     auto get = [this](const std::wstring& key) { return host->text(native<jstring>("GetPreference", host->str(key))); };
-    const struct {
-        const wchar_t* key;
-        const wchar_t* value;
-    } defaults[] = {
+    const struct { const wchar_t* key; const wchar_t* value; } defaults[] = {
         {L"deskwright.delay.after.mousemoved", L"50"}, {L"deskwright.front.via.focus", L""}, {L"my.own.key", L""},
     };
-    for (const auto& row : defaults) {
-        EXPECT_EQ(row.value, get(row.key)) << narrow(row.key);
-    }
+    for (const auto& row : defaults) EXPECT_EQ(row.value, get(row.key)) << narrow(row.key);
     // Each step sets a value (null: Java's null) and reads it back.
-    const struct {
-        const wchar_t* key;
-        const wchar_t* set;
-        const wchar_t* read;
-    } steps[] = {
+    const struct { const wchar_t* key; const wchar_t* set; const wchar_t* read; } steps[] = {
         {L"deskwright.delay.after.mousemoved", L"10", L"10"},
         {L"deskwright.delay.after.mousemoved", nullptr, L"50"},
         {L"deskwright.delay.after.mousemoved", L"", L""},  // an empty value takes precedence over the default
@@ -102,16 +90,14 @@ TEST_F(Natives, PreferencesAnswerDefaultsAndStoredValues) {
 // Texts of 100,000 characters into every native that reads a text, before
 // any attach: each is read whole.
 TEST_F(Natives, HugeTextsAreReadWhole) {
-    HWND window = CreateWindowExW(0, L"EDIT", L"", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr, nullptr,
-                                  GetModuleHandleW(nullptr), nullptr);
+    dwtest::OwnWindow window(L"EDIT", L"");
     const std::wstring huge(100000, L'x');
     EXPECT_EQ(0, native<jint>("StartClient", host->str(huge)));
     EXPECT_EQ(0, native<jint>("AttachClient__Ljava_lang_String_2", host->str(huge)));
     native<void>("SetPreference", host->str(huge), host->str(huge + L"y"));
     EXPECT_EQ(huge + L"y", host->text(native<jstring>("GetPreference", host->str(huge))));
-    const jlong hwnd = static_cast<jlong>(reinterpret_cast<intptr_t>(window));
+    const jlong hwnd = dwtest::java(window.hwnd);
     EXPECT_EQ(JNI_TRUE, native<jboolean>("SetWindowText", hwnd, host->str(huge)));
     EXPECT_EQ(huge, host->text(native<jstring>("GetWindowText", hwnd)));
     EXPECT_EQ("", thrown());
-    DestroyWindow(window);
 }

@@ -7,15 +7,9 @@ using namespace tolva;
 
 namespace {
 
-struct IntCase {
-    const wchar_t* text;
-    int expected;
-};
+struct IntCase { const wchar_t* text; int expected; };
 
-struct SplitCase {
-    const wchar_t* text;
-    std::vector<std::wstring> pieces;
-};
+struct SplitCase { const wchar_t* text; std::vector<std::wstring> pieces; };
 
 }  // namespace
 

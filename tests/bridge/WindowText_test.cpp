@@ -70,23 +70,17 @@ protected:
 }  // namespace
 
 TEST_F(SystemNatives, AnEmptyTitleIsReadWithOneMessage) {
-    WNDCLASSW windowClass = {};
-    windowClass.lpfnWndProc = CountingProc;
-    windowClass.hInstance = GetModuleHandleW(nullptr);
-    windowClass.lpszClassName = L"CountingWindow";
-    ASSERT_NE(0, RegisterClassW(&windowClass));
+    dwtest::registerClass(L"CountingWindow", CountingProc);
     struct Row { const wchar_t* title; int lengthQueries, textQueries; };
     const Row rows[] = {{L"", 1, 0}, {L"Title", 1, 1}, {L"x", 1, 1}};
     for (const Row& row : rows) {
-        HWND window = CreateWindowExW(0, L"CountingWindow", row.title, WS_OVERLAPPEDWINDOW, 0, 0, 100, 50, nullptr,
-                                      nullptr, GetModuleHandleW(nullptr), nullptr);
-        ASSERT_NE(nullptr, window);
+        dwtest::OwnWindow window(L"CountingWindow", row.title);
+        ASSERT_NE(nullptr, window.hwnd);
         lengthQueries = textQueries = 0;
-        const jlong java = static_cast<jlong>(reinterpret_cast<intptr_t>(window));
-        EXPECT_EQ(row.title, host->text(native<jstring>("GetWindowText", java))) << testing::PrintToString(row.title);
-        EXPECT_EQ(row.lengthQueries, lengthQueries) << testing::PrintToString(row.title);
-        EXPECT_EQ(row.textQueries, textQueries) << testing::PrintToString(row.title);
-        DestroyWindow(window);
+        const std::string name = testing::PrintToString(row.title);
+        EXPECT_EQ(row.title, host->text(native<jstring>("GetWindowText", dwtest::java(window.hwnd)))) << name;
+        EXPECT_EQ(row.lengthQueries, lengthQueries) << name;
+        EXPECT_EQ(row.textQueries, textQueries) << name;
     }
 }
 

@@ -17,24 +17,16 @@ class ControlTable : public DriverTest {
 protected:
     void SetUp() override {
         DriverTest::SetUp();
-        fakeuia::NodeSpec spec;
-        spec.controlType = UIA_PaneControlTypeId;
-        spec.name = L"Panel";
-        spec.processId = static_cast<int>(GetCurrentProcessId());
-        spec.bounds = {100, 200, 600, 700};
-        spec.runtimeId = std::vector<int>{0x2a, 0x1f};
-        pane = &platform->desktop().add(spec);
-        ASSERT_NE(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId()), 1000));
+        pane = &platform->desktop().add({.controlType = UIA_PaneControlTypeId, .name = L"Panel",
+                                         .processId = static_cast<int>(GetCurrentProcessId()),
+                                         .bounds = {100, 200, 600, 700}, .runtimeId = std::vector<int>{0x2a, 0x1f}});
+        ASSERT_NE(0, attach(dwtest::ownPidArgs(), 1000));
     }
     // A child of the pane; a role makes it a Custom element with that MSAA role.
     fakeuia::Node& child(CONTROLTYPEID type, const std::wstring& name, std::vector<int> runtimeId, RECT bounds,
                          DWORD role = 0, int childId = 0) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = role ? UIA_CustomControlTypeId : type;
-        spec.name = name;
-        spec.runtimeId = runtimeId;
-        spec.bounds = bounds;
-        fakeuia::Node& node = pane->add(spec);
+        fakeuia::Node& node = pane->add({.controlType = role ? UIA_CustomControlTypeId : type, .name = name,
+                                         .bounds = bounds, .runtimeId = runtimeId});
         if (role || childId) {
             auto legacy = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(node);
             legacy->role = role;
@@ -43,19 +35,11 @@ protected:
         return node;
     }
     jlong top() {
-        auto tops = host->longs(native<jlongArray>("GetToplevels"));
+        auto tops = toplevels();
         EXPECT_EQ(1u, tops.size());
         return tops.empty() ? 0 : tops[0];
     }
-    std::vector<jlong> children(jlong handle) { return host->longs(native<jlongArray>("GetChildren", handle)); }
-    std::wstring key(jlong handle) { return host->text(native<jstring>("GetAttribute", handle, host->str(L"rid2"))); }
-    // The message of an InvalidHandleException thrown by the last call, or "".
-    std::string thrown() {
-        auto exception = host->takeException();
-        if (!exception) return "";
-        EXPECT_EQ("net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException", exception->className);
-        return std::string(exception->message.begin(), exception->message.end());
-    }
+    std::wstring key(jlong handle) { return attr(handle, L"rid2").value_or(L"<null>"); }
 
     fakeuia::Node* pane = nullptr;
 };
@@ -122,12 +106,8 @@ TEST_F(ControlTable, KeysAreExactlyTypeIdOrParentKeyNameAndLocation) {
 
     // Found by a search, with no parent control at hand: the keys of the
     // parents without ids are made on the way up.
-    fakeuia::NodeSpec inner;
-    inner.controlType = UIA_TextControlTypeId;
-    inner.name = L"T";
-    inner.runtimeId = NONE;
-    inner.bounds = {120, 230, 150, 240};
-    child(UIA_GroupControlTypeId, L"G", NONE, at).add(inner);
+    child(UIA_GroupControlTypeId, L"G", NONE, at)
+        .add({.controlType = UIA_TextControlTypeId, .name = L"T", .bounds = {120, 230, 150, 240}, .runtimeId = NONE});
     auto found = host->longs(native<jlongArray>("GetElementsByProperty", top(), host->str(L"name"), host->str(L"T")));
     ASSERT_EQ(1u, found.size());
     EXPECT_EQ(L"Text_Group_Pane_2a.1f_G_T", key(found[0]));
@@ -135,11 +115,7 @@ TEST_F(ControlTable, KeysAreExactlyTypeIdOrParentKeyNameAndLocation) {
 
 TEST_F(ControlTable, RowNamesOfAnyLengthAreTestedOnAJavaThreadsStack) {
     const std::wstring letters(1000000, L'r');
-    struct Row {
-        const char* name;
-        std::wstring element;
-        std::wstring key;
-    };
+    struct Row { const char* name; std::wstring element; std::wstring key; };
     const std::vector<Row> rows = {
         {"a name ending in a digit", letters + L"7", L"ROW_Pane_2a.1f_" + letters + L"7"},
         {"a name ending in a letter", letters, L"ROW_Pane_2a.1f__10.60.170.220"},

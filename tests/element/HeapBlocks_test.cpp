@@ -20,16 +20,9 @@ using dwtest::DriverTest;
 
 namespace {
 
+// The blocks that the driver takes on the counted thread.
 std::atomic<DWORD> countedThread{0};
 std::atomic<long> blocks{0};
-void* (*realMalloc)(size_t) = nullptr;
-
-void* countingMalloc(size_t size) {
-    if (GetCurrentThreadId() == countedThread) {
-        ++blocks;
-    }
-    return realMalloc(size);
-}
 
 // The blocks that the driver took and hasn't given back, on any thread, while
 // kept is on. A block made before is not counted when it is freed.
@@ -56,6 +49,7 @@ struct KeptBlocks {
 } kept;
 
 void* keptMalloc(size_t size) {
+    if (GetCurrentThreadId() == countedThread) ++blocks;
     void* block = kept.malloc(size);
     kept.made(block);
     return block;
@@ -101,12 +95,20 @@ protected:
         excluded = host->longArray({});
         hierarchy();  // makes every control
         group = host->longs(native<jlongArray>("GetChildren", top)).at(0);
-        patch = std::make_unique<dwtest::ImportPatch>(dll->module(), "malloc", reinterpret_cast<void*>(&countingMalloc));
-        realMalloc = reinterpret_cast<void* (*)(size_t)>(patch->original());
+        patch("malloc", &keptMalloc, &kept.malloc);
+        patch("realloc", &keptRealloc, &kept.realloc);
+        patch("free", &keptFree, &kept.free);
     }
     void TearDown() override {
-        patch.reset();
+        patches.clear();
         DriverTest::TearDown();
+    }
+    // The driver's import of a function goes to a stand-in, which calls the original.
+    template <class F>
+    void patch(const char* function, F replacement, F* original) {
+        patches.push_back(std::make_unique<dwtest::ImportPatch>(dll->module(), function,
+                                                                reinterpret_cast<void*>(replacement)));
+        *original = patches.back()->applied() ? reinterpret_cast<F>(patches.back()->original()) : nullptr;
     }
 
     jobjectArray hierarchy() { return native<jobjectArray>("GetHierarchyWithAttributes", top, names, excluded); }
@@ -125,7 +127,7 @@ protected:
     jlong group = 0;
     jobjectArray names = nullptr;
     jlongArray excluded = nullptr;
-    std::unique_ptr<dwtest::ImportPatch> patch;
+    std::vector<std::unique_ptr<dwtest::ImportPatch>> patches;
 };
 
 }  // namespace
@@ -134,7 +136,7 @@ protected:
 // child found again costs its type name, its key and its name as read; an
 // element of a hierarchy adds its two flat entries and the texts it reads.
 TEST_F(HeapBlocks, NativesStayWithinTheirBudgets) {
-    ASSERT_TRUE(patch->applied());
+    ASSERT_TRUE(kept.malloc) << "the driver imports no malloc";
     struct Row {
         const char* what;
         std::function<void()> call;
@@ -157,14 +159,7 @@ TEST_F(HeapBlocks, NativesStayWithinTheirBudgets) {
 // is made, a read leaves nothing behind in the driver's heap, however often
 // it comes.
 TEST_F(HeapBlocks, RepeatedReadsLeaveNoBlocksBehind) {
-    patch.reset();
-    dwtest::ImportPatch mallocs(dll->module(), "malloc", reinterpret_cast<void*>(&keptMalloc));
-    dwtest::ImportPatch reallocs(dll->module(), "realloc", reinterpret_cast<void*>(&keptRealloc));
-    dwtest::ImportPatch frees(dll->module(), "free", reinterpret_cast<void*>(&keptFree));
-    ASSERT_TRUE(mallocs.applied() && frees.applied());
-    kept.malloc = reinterpret_cast<void* (*)(size_t)>(mallocs.original());
-    kept.realloc = reallocs.applied() ? reinterpret_cast<void* (*)(void*, size_t)>(reallocs.original()) : nullptr;
-    kept.free = reinterpret_cast<void (*)(void*)>(frees.original());
+    ASSERT_TRUE(kept.malloc && kept.free);
     auto round = [&] {
         env->PushLocalFrame(256);
         for (jlong top : host->longs(native<jlongArray>("GetToplevels"))) {

@@ -56,22 +56,13 @@ protected:
 }  // namespace
 
 TEST_F(HighHandles, HandlesAboveTwoGigabytesAreNegativeInEveryResult) {
-    if (sizeof(void*) != 4) {
-        GTEST_SKIP() << "a 64-bit driver's handles are addresses of their own width";
-    }
-    fakeuia::Node& top = addOwnWindow(L"Target");
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_ButtonControlTypeId;
-    spec.name = L"OK";
-    spec.bounds = {20, 20, 80, 40};
-    top.add(spec);
-    ASSERT_NE(0, attach(L"-pid " + std::to_wstring(GetCurrentProcessId()), 1000));
-    ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000));
+    if (sizeof(void*) != 4) GTEST_SKIP() << "a 64-bit driver's handles are addresses of their own width";
+    attachToOwnWindow(L"Target").add({.controlType = UIA_ButtonControlTypeId, .name = L"OK", .bounds = {20, 20, 80, 40}});
     ASSERT_TRUE(crowdTheLowerHalf());
 
-    auto tops = host->longs(native<jlongArray>("GetToplevels"));
+    auto tops = toplevels();
     ASSERT_EQ(1u, tops.size());
-    auto kids = host->longs(native<jlongArray>("GetChildren", tops[0]));
+    auto kids = children(tops[0]);
     ASSERT_EQ(1u, kids.size());
     ASSERT_LT(kids[0], 0) << "the control was made in the upper half: " << std::hex << kids[0];
     EXPECT_GE(kids[0], -0x80000000LL) << "widened by sign extension";
@@ -81,7 +72,7 @@ TEST_F(HighHandles, HandlesAboveTwoGigabytesAreNegativeInEveryResult) {
     auto tree = host->strings(native<jobjectArray>("GetHierarchyWithAttributes", kids[0], host->stringArray({}),
                                                    host->longArray({})));
     EXPECT_EQ((std::vector<std::optional<std::wstring>>{L"0", std::to_wstring(kids[0])}), tree);
-    EXPECT_EQ(L"OK", host->text(native<jstring>("GetAttribute", kids[0], host->str(L"name"))))
+    EXPECT_EQ(L"OK", attr(kids[0], L"name"))
         << "a negative handle from Java finds its control";
     EXPECT_EQ(tops[0], native<jlong>("GetParent", kids[0]));
 }

@@ -30,7 +30,6 @@
 
 namespace {
 
-const char* const INVALID_HANDLE = "net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException";
 const int READERS = 4;
 const DWORD RUN_MS = 4000;
 const DWORD MAX_RUN_MS = 60000;
@@ -42,10 +41,7 @@ std::wstring hex(int value) {
 }
 
 fakeuia::NodeSpec spec(CONTROLTYPEID type, const std::wstring& name, RECT bounds, std::vector<int> runtimeId) {
-    fakeuia::NodeSpec made{type, name};
-    made.bounds = bounds;
-    made.runtimeId = std::move(runtimeId);
-    return made;
+    return {.controlType = type, .name = name, .bounds = bounds, .runtimeId = std::move(runtimeId)};
 }
 
 // What went wrong anywhere, for the test thread to report.
@@ -117,8 +113,7 @@ protected:
         JNI_OnLoad(host->vm(), nullptr);
         NATIVE(SetupNativeLogging)(env, self);
         buildTree();
-        const std::wstring args = L"-pid " + std::to_wstring(GetCurrentProcessId());
-        ASSERT_NE(0, NATIVE(AttachUiaClient)(env, self, host->str(args), 1000));
+        ASSERT_NE(0, NATIVE(AttachUiaClient)(env, self, host->str(dwtest::ownPidArgs()), 1000));
     }
 
     void TearDown() override {
@@ -133,9 +128,9 @@ protected:
     // A window with groups of items; items with runtime ids and items whose
     // keys are made from their names under their group's key.
     void buildTree() {
-        fakeuia::NodeSpec window = spec(UIA_WindowControlTypeId, L"Target", {0, 0, 800, 600}, {0x2a, 0x100});
-        window.processId = static_cast<int>(GetCurrentProcessId());
-        fakeuia::Node& top = platform->desktop().add(window);
+        fakeuia::Node& top = platform->desktop().add({.controlType = UIA_WindowControlTypeId, .name = L"Target",
+                                                      .processId = static_cast<int>(GetCurrentProcessId()),
+                                                      .bounds = {0, 0, 800, 600}, .runtimeId = std::vector<int>{0x2a, 0x100}});
         keys[L"Target"] = L"Window_2a.100";
         keys[L"Desktop"] = L"Pane_2a.10010";
         parents[L"Target"] = L"Desktop";
@@ -175,7 +170,7 @@ protected:
         };
         auto thrown = [&]() {
             auto exception = host->takeException();
-            if (exception && exception->className != INVALID_HANDLE) {
+            if (exception && exception->className != dwtest::INVALID_HANDLE_EXCEPTION) {
                 findings.add("unexpected exception " + exception->className);
             }
             return exception.has_value();
@@ -270,9 +265,7 @@ TEST_F(Stress, JavaThreadsAndTheDispatchThreadShareTheTable) {
         return GetTickCount64() - start >= RUN_MS && released >= 3 && rounds >= 50 && parentChecks >= 10 &&
                reads >= 100;
     };
-    while (!enough() && GetTickCount64() - start < MAX_RUN_MS) {
-        Sleep(50);
-    }
+    while (!enough() && GetTickCount64() - start < MAX_RUN_MS) Sleep(50);
     stop = true;
     feeder.join();
     for (std::thread& reader : readers) reader.join();

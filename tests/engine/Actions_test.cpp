@@ -4,6 +4,7 @@
 
 #include "FakeUiaPatterns.h"
 
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -17,11 +18,7 @@ const jboolean YES = JNI_TRUE;
 const jboolean NO = JNI_FALSE;
 
 fakeuia::NodeSpec specOf(CONTROLTYPEID type, const std::wstring& name, RECT bounds = {20, 40, 120, 60}) {
-    fakeuia::NodeSpec spec;
-    spec.controlType = type;
-    spec.name = name;
-    spec.bounds = bounds;
-    return spec;
+    return {.controlType = type, .name = name, .bounds = bounds};
 }
 
 class Actions : public DriverTest {
@@ -32,24 +29,19 @@ protected:
     }
     void TearDown() override {
         EXPECT_EQ("", thrown());
-        for (HWND window : windows) {
-            DestroyWindow(window);
-        }
         DriverTest::TearDown();
     }
     // A hidden top-level window of this thread, destroyed at the end of the
     // test: its activation is the window system's own, and the foreground
     // stays with the desktop that tests running at the same time share.
     HWND makeWindow(RECT r) {
-        HWND window = CreateWindowExW(0, L"STATIC", L"", WS_OVERLAPPEDWINDOW, r.left, r.top, r.right - r.left,
-                                      r.bottom - r.top, nullptr, nullptr, GetModuleHandleW(nullptr), nullptr);
+        HWND window = windows.emplace_back(L"STATIC", L"", WS_OVERLAPPEDWINDOW, r).hwnd;
         EXPECT_NE(nullptr, window) << "error " << GetLastError();
-        windows.push_back(window);
         return window;
     }
 
     fakeuia::Node* top = nullptr;
-    std::vector<HWND> windows;
+    std::deque<dwtest::OwnWindow> windows;
 };
 
 }  // namespace
@@ -93,10 +85,7 @@ TEST_F(Actions, SelectInvokeAndTheDefaultActionReachTheirPatterns) {
     fakeuia::Node& plain = top->add(specOf(UIA_TextControlTypeId, L"plain"));
     const jlong handle = handleOf(item);
 
-    const struct {
-        jint mode;
-        int select, add, remove;
-    } modes[] = {{0, 1, 0, 0}, {2, 1, 0, 0}, {1, 0, 1, 0}, {-1, 0, 0, 1}};  // any mode but 1 and -1 selects
+    const struct { jint mode; int select, add, remove; } modes[] = {{0, 1, 0, 0}, {2, 1, 0, 0}, {1, 0, 1, 0}, {-1, 0, 0, 1}};  // any mode but 1 and -1 selects
     for (const auto& row : modes) {
         selection->selectCalls = selection->addToSelectionCalls = selection->removeFromSelectionCalls = 0;
         native<void>("Select", handle, row.mode);

@@ -9,16 +9,6 @@ namespace {
 
 class Attach : public DriverTest {
 protected:
-    fakeuia::Node& topWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd = nullptr) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = UIA_WindowControlTypeId;
-        spec.name = name;
-        spec.className = className;
-        spec.processId = pid;
-        spec.bounds = {0, 0, 300, 200};
-        spec.nativeWindowHandle = hwnd;
-        return platform->desktop().add(spec);
-    }
     // Attaches, and detaches again after a success.
     void expectAttach(jint pid, const std::wstring& args, const char* why) {
         EXPECT_EQ(pid, attach(args, 1000)) << why;
@@ -27,10 +17,6 @@ protected:
             attached = false;
             EXPECT_TRUE(dwtest::waitForDispatchThreadsToEnd(5000)) << why;
         }
-    }
-    HWND realWindow(const wchar_t* title) {
-        return CreateWindowExW(0, L"STATIC", title, WS_OVERLAPPEDWINDOW, 0, 0, 100, 80, nullptr, nullptr,
-                               GetModuleHandleW(nullptr), nullptr);
     }
 
     const jint self = static_cast<jint>(GetCurrentProcessId());
@@ -41,18 +27,22 @@ protected:
 
 TEST_F(Attach, TitlesPidsAndClassesFindTheirTarget) {
     const std::wstring tail(1000000, L'x');
-    topWindow(L"-pid 0", L"Odd", self);
-    topWindow(L"Foo", L"FooWnd", self);
-    topWindow(L"Baz Bar", L"BazWnd", self);
-    topWindow(L"Main", L"X", self);
-    topWindow(L"Main " + tail, L"MainWnd", self);
+    addWindow(L"-pid 0", L"Odd", self);
+    addWindow(L"Foo", L"FooWnd", self);
+    addWindow(L"Baz Bar", L"BazWnd", self);
+    addWindow(L"Main", L"X", self);
+    addWindow(L"Main " + tail, L"MainWnd" + tail, self);
     expectAttach(self, L"-pid 0", "pid 0 makes the whole text a title");
     expectAttach(self, pidOfNobody + L"Foo", "only the title finder hits, and its process is the result");
     expectAttach(0, L"Baz", "titles match whole");
     expectAttach(self, L"Baz.*", "a pattern over the whole title");
     expectAttach(0, L"-class X -pid " + std::to_wstring(self), "no pid: the class is the rest of the text");
     expectAttach(0, L"-class 'X' and more", "the class is X' and more");
+    // Texts and patterns of any length match on the dispatch thread's stack.
+    expectAttach(self, L"Main x*", "a long title by a pattern");
     expectAttach(0, L"Main x*y", "a title that differs at its end");
+    expectAttach(0, L"Main (x|xx)*y", "an expression too complex for the title");
+    expectAttach(self, L"-class 'MainWndx+'", "a long class by a pattern");
     expectAttach(0, L"-class '" + tail + L"'", "a long class option");
     expectAttach(self, pidOfNobody + L"Main " + tail, "a long title after a pid");
 
@@ -71,13 +61,11 @@ TEST_F(Attach, TitlesPidsAndClassesFindTheirTarget) {
 // A title held only by a window that was there before the cache of window
 // handles finds nothing; a new window with it does.
 TEST_F(Attach, WindowsThatWereThereBeforeAreNoTarget) {
-    HWND old = realWindow(L"Main");
-    topWindow(L"Main", L"Old", 99, old);
+    dwtest::OwnWindow old(L"STATIC", L"Main");
+    addWindow(L"Main", L"Old", 99, old.hwnd);
     native<void>("CacheExistingWindowHandles");
     expectAttach(0, L"Main", "only an old window has the title");
-    HWND fresh = realWindow(L"Main");
-    topWindow(L"Main", L"New", self, fresh);
+    dwtest::OwnWindow fresh(L"STATIC", L"Main");
+    addWindow(L"Main", L"New", self, fresh.hwnd);
     expectAttach(self, L"Main", "a new window has it too");
-    DestroyWindow(old);
-    DestroyWindow(fresh);
 }

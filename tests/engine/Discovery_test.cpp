@@ -1,7 +1,7 @@
 // Finding the target and its windows: the discovery through window handles,
-// frame windows that host other processes, the restriction of the top-level
-// windows to the class that was attached by, a target that can't be opened,
-// and the searches of windows and of the element at a point.
+// the restriction of the top-level windows to the class that was attached by,
+// a target that can't be opened, and the searches of windows and of the
+// element at a point.
 #include "DriverTest.h"
 
 #include "ImportPatch.h"
@@ -25,18 +25,9 @@ protected:
         DriverTest::TearDown();
     }
     fakeuia::Node& add(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name,
-                       const std::wstring& className, int pid = 0, HWND hwnd = nullptr) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        spec.name = name;
-        spec.className = className;
-        spec.processId = pid;
-        spec.bounds = {20, 20, 60, 40};
-        spec.nativeWindowHandle = hwnd;
-        return parent.add(spec);
-    }
-    fakeuia::Node& topWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd = nullptr) {
-        return add(platform->desktop(), UIA_WindowControlTypeId, name, className, pid, hwnd);
+                       const std::wstring& className, int pid = 0) {
+        return parent.add({.controlType = type, .name = name, .className = className, .processId = pid,
+                           .bounds = {20, 20, 60, 40}});
     }
     // Real top-level windows of this process, (title, visible) each. A thread
     // of their own makes them and pumps their messages until the end, as a
@@ -54,23 +45,13 @@ protected:
             PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE);  // the queue for the quit
             pumpThreadId = GetCurrentThreadId();
             SetEvent(ready);
-            while (GetMessageW(&message, nullptr, 0, 0) > 0) {
-                DispatchMessageW(&message);
-            }
+            while (GetMessageW(&message, nullptr, 0, 0) > 0) DispatchMessageW(&message);
         });
         WaitForSingleObject(ready, 5000);
         CloseHandle(ready);
         return made;
     }
-    std::wstring name(jlong handle) { return host->text(native<jstring>("GetAttribute", handle, host->str(L"name"))); }
-    std::vector<std::wstring> names(jlongArray handles) {
-        std::vector<std::wstring> result;
-        for (jlong handle : host->longs(handles)) {
-            result.push_back(handle == 0 ? L"<0>" : name(handle));
-        }
-        return result;
-    }
-    std::vector<std::wstring> toplevelNames() { return names(native<jlongArray>("GetToplevels")); }
+    std::vector<std::wstring> toplevelNames() { return names(toplevels()); }
     int self() const { return static_cast<int>(GetCurrentProcessId()); }
     int nobody() const { return self() + 4; }
 
@@ -91,8 +72,8 @@ HANDLE WINAPI RefusingOpenProcess(DWORD, BOOL, DWORD) {
 TEST_F(Discovery, ThroughWindowHandlesATitleIsMatchedWithTheWindowText) {
     SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
     const std::vector<HWND> real = realWindows({{L"Window text 42", true}, {L"Hidden title", false}});
-    topWindow(L"Automation name", L"TestWindow", self(), real[0]);
-    topWindow(L"Hidden title", L"TestWindow", self(), real[1]);
+    addWindow(L"Automation name", L"TestWindow", self(), real[0]);
+    addWindow(L"Hidden title", L"TestWindow", self(), real[1]);
     struct Row { const wchar_t* title; int pid; };
     const Row rows[] = {
         {L"Automation name", 0},
@@ -100,25 +81,13 @@ TEST_F(Discovery, ThroughWindowHandlesATitleIsMatchedWithTheWindowText) {
         {L"Window text", 0},  // matches a part only
         {L"Window text \\d+", self()},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(row.pid, attach(row.title, 1000)) << testing::PrintToString(row.title);
-    }
-}
-
-TEST_F(Discovery, AFrameHostsOnlyWindowsOfAnotherProcess) {
-    fakeuia::Node& frame = topWindow(L"Frame", L"ApplicationFrameWindow", self());
-    add(frame, UIA_WindowControlTypeId, L"App", L"Windows.UI.Core.CoreWindow", self());
-    EXPECT_EQ(0, attach(L"App", 1000)) << "a child of the frame's own process is no hit";
-
-    frame.update([&](fakeuia::NodeSpec& spec) { spec.processId = nobody(); });
-    EXPECT_EQ(self(), attach(L"App", 1000)) << "a hosted window of another process";
-    EXPECT_EQ(Names{L"App"}, toplevelNames()) << "the hosted window stands in the frame's place";
+    for (const Row& row : rows) EXPECT_EQ(row.pid, attach(row.title, 1000)) << testing::PrintToString(row.title);
 }
 
 TEST_F(Discovery, TopLevelWindowsAreRestrictedToTheClassOfTheAttach) {
-    topWindow(L"Main", L"SunAwtFrame", self());
-    topWindow(L"Tip", L"SunAwtWindow", self());
-    topWindow(L"Other", L"TestWindow", self());
+    addWindow(L"Main", L"SunAwtFrame", self());
+    addWindow(L"Tip", L"SunAwtWindow", self());
+    addWindow(L"Other", L"TestWindow", self());
     ASSERT_EQ(self(), attach(L"-class 'SunAwt.*'", 1000));
     EXPECT_EQ(L"true", host->text(native<jstring>("GetPreference", host->str(L"deskwright.restrict.tops.to.class"))));
     struct Row { const wchar_t* restrict; Names tops; };
@@ -129,9 +98,7 @@ TEST_F(Discovery, TopLevelWindowsAreRestrictedToTheClassOfTheAttach) {
         {L"true", {L"Main", L"Tip"}},
     };
     for (const Row& row : rows) {
-        if (row.restrict) {
-            setPreference(L"deskwright.restrict.tops.to.class", row.restrict);
-        }
+        if (row.restrict) setPreference(L"deskwright.restrict.tops.to.class", row.restrict);
         EXPECT_EQ(row.tops, toplevelNames()) << testing::PrintToString(row.restrict ? row.restrict : L"(attach)");
     }
     detachAndWait();
@@ -140,7 +107,7 @@ TEST_F(Discovery, TopLevelWindowsAreRestrictedToTheClassOfTheAttach) {
 }
 
 TEST_F(Discovery, ATargetThatCannotBeOpenedStaysAttached) {
-    topWindow(L"Main", L"TestWindow", self());
+    addWindow(L"Main", L"TestWindow", self());
     {
         dwtest::ImportPatch refuse(dll->module(), "OpenProcess", reinterpret_cast<void*>(&RefusingOpenProcess));
         ASSERT_TRUE(refuse.applied());
@@ -166,7 +133,7 @@ TEST_F(Discovery, AllWindowsBelowAnElementAreFoundThroughWindowsOnly) {
     };
     for (const Row& row : rows) {
         setPreference(L"deskwright.toplevel.classes", row.classes);
-        EXPECT_EQ(row.found, names(native<jlongArray>("FindAllWindows", topHandle)))
+        EXPECT_EQ(row.found, names(host->longs(native<jlongArray>("FindAllWindows", topHandle))))
             << testing::PrintToString(row.classes);
     }
 }

@@ -82,20 +82,14 @@ TEST_F(Dispatch, EnableEventListenersFromTheDispatchThreadRunsAtOnce) {
                  });
     native<void>("TriggerThread");
     ASSERT_TRUE(LogFile::waitFor("mode: 0x12", 5000, 7));
-    for (const auto& line : LogFile::find("mode: 0x12", 7)) {
-        EXPECT_EQ("Dispatch", line.thread);
-    }
+    for (const auto& line : LogFile::find("mode: 0x12", 7)) EXPECT_EQ("Dispatch", line.thread);
     ASSERT_TRUE(LogFile::waitFor("runner: ", 5000, 7)) << "the filterEvent call came back";
 }
 
 // The finders run once a second, after the dispatch thread's one-second
 // start, as many times as the time-out holds whole seconds.
 TEST_F(Dispatch, AttemptsAreTheTimeoutInWholeSecondsSpacedBySeconds) {
-    const struct {
-        jint timeoutMs;
-        size_t attempts;
-        ULONGLONG atLeastMs, belowMs;
-    } rows[] = {
+    const struct { jint timeoutMs; size_t attempts; ULONGLONG atLeastMs, belowMs; } rows[] = {
         {999, 0, 1000 + 250, 10000},  // the start wait and the pause after a miss
         {1000, 1, 0, 1000 + 250 + 900},
         {3500, 3, 1000 + 2000 + 250, 10000},

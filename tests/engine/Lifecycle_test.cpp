@@ -108,9 +108,7 @@ std::atomic<int> threadsLetThrough{0};
 
 std::uintptr_t __cdecl refusingBeginThread(void* security, unsigned stack, unsigned(__stdcall* start)(void*),
                                            void* arg, unsigned flags, unsigned* id) {
-    if (threadsLetThrough-- > 0) {
-        return realBeginThread(security, stack, start, arg, flags, id);
-    }
+    if (threadsLetThrough-- > 0) return realBeginThread(security, stack, start, arg, flags, id);
     errno = EAGAIN;
     return 0;
 }
@@ -120,11 +118,7 @@ protected:
     void SetUp() override {
         DriverTest::SetUp();
         window = &addOwnWindow(L"Target main window");
-        fakeuia::NodeSpec button;
-        button.controlType = UIA_ButtonControlTypeId;
-        button.name = L"OK";
-        button.bounds = {20, 20, 80, 40};
-        window->add(button);
+        window->add({.controlType = UIA_ButtonControlTypeId, .name = L"OK", .bounds = {20, 20, 80, 40}});
     }
     void TearDown() override {
         window->beforeRead(nullptr);
@@ -138,13 +132,7 @@ protected:
     // A real target with its window on the simulated desktop; attached to.
     void connectTo(TargetProcess& target, const wchar_t* title, size_t connections) {
         ASSERT_TRUE(target.ready()) << "target.exe did not start";
-        fakeuia::NodeSpec spec;
-        spec.controlType = UIA_WindowControlTypeId;
-        spec.name = title;
-        spec.processId = static_cast<int>(target.pid());
-        spec.nativeWindowHandle = target.window();
-        spec.bounds = {500, 500, 600, 600};
-        platform->desktop().add(spec);
+        addWindow(title, L"", static_cast<int>(target.pid()), target.window(), {500, 500, 600, 600});
         ASSERT_EQ(static_cast<jint>(target.pid()), attach(L"-pid " + std::to_wstring(target.pid()), 1000));
         ASSERT_TRUE(host->waitForConstructions(WIN_EVENT, connections, 5000)) << "no onConnect";
     }

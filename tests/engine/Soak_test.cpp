@@ -24,8 +24,7 @@ using dwtest::TargetProcess;
 
 namespace {
 
-const char* const INVALID_HANDLE = "net/tolva/apps/cuebench/client/win/deskwright/InvalidHandleException";
-const std::string WIN_EVENT = "net/tolva/apps/cuebench/client/win/deskwright/event/WinEvent";
+const std::string WIN_EVENT = dwtest::EVENT_PACKAGE + "WinEvent";
 const int CONNECTED = 100;
 const int TERMINATED = 101;
 const int WORKERS = 4;
@@ -47,9 +46,7 @@ int rounds() {
 // GetHandleInformation accepts it.
 DWORD handleCount() {
     DWORD count = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count > 0) {
-        return count;
-    }
+    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count > 0) return count;
     for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
         DWORD flags = 0;
         count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
@@ -97,29 +94,21 @@ protected:
         addContent(window);
     }
     void TearDown() override {
-        for (auto& target : targets) {
-            target.reset();
-        }
+        for (auto& target : targets) target.reset();
         DriverTest::TearDown();
     }
 
     void addContent(fakeuia::Node& window) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = UIA_ButtonControlTypeId;
-        spec.name = L"OK";
-        spec.bounds = {20, 20, 80, 40};
-        fakeuia::attach<fakeuia::InvokeSource>(window.add(spec));
-        spec.controlType = UIA_EditControlTypeId;
-        spec.name = L"Text";
-        spec.bounds = {20, 50, 200, 70};
-        fakeuia::attach<fakeuia::ValueSource>(window.add(spec), L"some text");
+        fakeuia::attach<fakeuia::InvokeSource>(
+            window.add({.controlType = UIA_ButtonControlTypeId, .name = L"OK", .bounds = {20, 20, 80, 40}}));
+        fakeuia::attach<fakeuia::ValueSource>(
+            window.add({.controlType = UIA_EditControlTypeId, .name = L"Text", .bounds = {20, 50, 200, 70}}),
+            L"some text");
     }
 
     size_t winEvents(int type) {
         size_t n = 0;
-        for (const auto& event : host->constructions(WIN_EVENT)) {
-            n += event.args[0].i == type ? 1 : 0;
-        }
+        for (const auto& event : host->constructions(WIN_EVENT)) n += event.args[0].i == type ? 1 : 0;
         return n;
     }
     // Attaches and waits for Java to hear of the connection.
@@ -132,7 +121,6 @@ protected:
         native<void>("DetachClient");
         attached = false;
     }
-    std::wstring ownArgs() const { return L"-pid " + std::to_wstring(GetCurrentProcessId()); }
     jint ownPid() const { return static_cast<jint>(GetCurrentProcessId()); }
     static std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
@@ -141,14 +129,7 @@ protected:
         const std::wstring title = L"Soak target " + std::to_wstring(round);
         targets[round % 2] = std::make_unique<TargetProcess>(title);
         TargetProcess& target = *targets[round % 2];
-        fakeuia::NodeSpec spec;
-        spec.controlType = UIA_WindowControlTypeId;
-        spec.name = title;
-        spec.className = L"DeskwrightTarget";
-        spec.processId = static_cast<int>(target.pid());
-        spec.nativeWindowHandle = target.window();
-        spec.bounds = {10, 10, 410, 310};
-        node = &platform->desktop().add(spec);
+        node = &addWindow(title, L"DeskwrightTarget", static_cast<int>(target.pid()), target.window());
         addContent(*node);
         return target;
     }
@@ -162,47 +143,39 @@ protected:
     void work(std::atomic<bool>& stop) {
         JNIEnv* threadEnv = host->attachCurrentThread();
         const jobjectArray names = host->stringArray({L"name", L"value", L"rid2"});
+        // After each native: counts the call and tells whether it threw.
         auto thrown = [&] {
+            ++calls;
             auto exception = host->takeException();
-            if (exception && exception->className != INVALID_HANDLE) {
+            if (exception && exception->className != dwtest::INVALID_HANDLE_EXCEPTION) {
                 std::lock_guard<std::mutex> guard(problemsLock);
                 problems.push_back("unexpected exception " + exception->className);
             }
             return exception.has_value();
         };
-        auto call = [&](auto fn) {
-            auto result = fn();
-            ++calls;
-            return result;
-        };
         while (!stop) {
             if (pause) {
                 ++parked;
-                while (pause && !stop) {
-                    Sleep(5);
-                }
+                while (pause && !stop) Sleep(5);
                 --parked;
                 continue;
             }
             threadEnv->PushLocalFrame(256);
-            std::vector<jlong> tops =
-                host->longs(call([&] { return dll->call<jlongArray>("GetToplevels", threadEnv, self); }));
+            std::vector<jlong> tops = host->longs(dll->call<jlongArray>("GetToplevels", threadEnv, self));
+            thrown();
             for (jlong top : tops) {
-                jlongArray children = call([&] { return dll->call<jlongArray>("GetChildren", threadEnv, self, top); });
+                jlongArray children = dll->call<jlongArray>("GetChildren", threadEnv, self, top);
                 if (thrown()) continue;
                 for (jlong child : host->longs(children)) {
-                    call([&] { return dll->call<jobjectArray>("GetAttributes", threadEnv, self, child, names); });
+                    dll->call<jobjectArray>("GetAttributes", threadEnv, self, child, names);
                     if (thrown()) continue;
-                    call([&] { return dll->call<jlong>("GetParent", threadEnv, self, child); });
+                    dll->call<jlong>("GetParent", threadEnv, self, child);
                     if (thrown()) continue;
-                    call([&] {
-                        dll->call<void>("Invoke", threadEnv, self, child);
-                        return 0;
-                    });
+                    dll->call<void>("Invoke", threadEnv, self, child);
                     thrown();
                 }
             }
-            call([&] { return dll->call<jlong>("GetElementFromPoint", threadEnv, self, jint{30}, jint{30}); });
+            dll->call<jlong>("GetElementFromPoint", threadEnv, self, jint{30}, jint{30});
             thrown();
             threadEnv->PopLocalFrame(nullptr);
             // The test host keeps every object and reference it ever made, for
@@ -264,14 +237,14 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
             fakeuia::Node* node = nullptr;
             switch (round % 4) {
             case 0:  // attach and detach
-                connect(ownArgs(), ownPid());
+                connect(dwtest::ownPidArgs(), ownPid());
                 Sleep(50);
                 detach();
                 break;
             case 1:  // detach and attach again at once
-                connect(ownArgs(), ownPid());
+                connect(dwtest::ownPidArgs(), ownPid());
                 detach();
-                connect(ownArgs(), ownPid());
+                connect(dwtest::ownPidArgs(), ownPid());
                 Sleep(50);
                 detach();
                 break;
@@ -297,17 +270,13 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
             }
             }
             slowest = std::max(slowest, GetTickCount64() - roundStart);
-            if (round == baselineRound) {
-                handlesBefore = quietHandleCount();
-            }
+            if (round == baselineRound) handlesBefore = quietHandleCount();
         }
     }
     const ULONGLONG elapsed = GetTickCount64() - start;
     const DWORD handlesAfter = quietHandleCount();
     stop = true;
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
+    for (std::thread& worker : workers) worker.join();
     Sleep(500);  // a terminate that comes late would be one too many
     PROCESS_MEMORY_COUNTERS memory = {};
     memory.cb = sizeof memory;
@@ -322,9 +291,7 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
               << "peak working set: " << memory.PeakWorkingSetSize / 1024
               << " KiB, peak pagefile usage: " << memory.PeakPagefileUsage / 1024 << " KiB" << std::endl;
 
-    for (const std::string& problem : problems) {
-        ADD_FAILURE() << problem;
-    }
+    for (const std::string& problem : problems) ADD_FAILURE() << problem;
     EXPECT_EQ(diedWhileAttached, winEvents(TERMINATED)) << "one onTerminate per target that died while attached";
     EXPECT_EQ(0u, host->globalRefCount());
     EXPECT_EQ(0, platform->outstandingReferences());

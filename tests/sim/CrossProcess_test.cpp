@@ -1,14 +1,15 @@
 // The target's windows in another process, as with a real target: the
 // simulated tree's nodes name windows that the target program made, so the
 // driver's window messages (WM_GETTEXT, WM_SETTEXT, ...) cross the process
-// boundary, and attaching, hit tests and elements from handles meet real
-// windows of a real process.
+// boundary, and elements and the elements made from window handles meet
+// real windows of a real process.
 #include "DriverTest.h"
 #include "TargetProcess.h"
 
 #include <algorithm>
 
 using dwtest::DriverTest;
+using dwtest::java;
 using dwtest::TargetProcess;
 
 namespace {
@@ -29,22 +30,14 @@ protected:
         mainNode->add(specOf(button, UIA_ButtonControlTypeId, L"Press"));
     }
     fakeuia::NodeSpec specOf(HWND window, CONTROLTYPEID type, const std::wstring& name) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        spec.name = name;
         wchar_t className[256] = {};
         GetClassNameW(window, className, 256);
-        spec.className = className;
-        spec.processId = static_cast<int>(target.pid());
+        fakeuia::NodeSpec spec{.controlType = type, .name = name, .className = className,
+                               .processId = static_cast<int>(target.pid()), .nativeWindowHandle = window};
         GetWindowRect(window, &spec.bounds);
-        spec.nativeWindowHandle = window;
         return spec;
     }
-    jlong java(HWND window) { return static_cast<jlong>(reinterpret_cast<std::intptr_t>(window)); }
     std::wstring text(jstring value) { return host->isNull(value) ? L"<null>" : host->text(value); }
-    std::wstring attr(jlong handle, const wchar_t* name) {
-        return text(native<jstring>("GetAttribute", handle, host->str(name)));
-    }
     void attachByPid() {
         ASSERT_EQ(static_cast<jint>(target.pid()),
                   attach(L"-pid " + std::to_wstring(target.pid()), 5000));
@@ -59,15 +52,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(CrossProcess, AttachFindsTheTargetByPidTitleAndClass) {
-    const jint pid = static_cast<jint>(target.pid());
-    for (const std::wstring& args : {L"-pid " + std::to_wstring(pid), std::wstring(L"Remote m.*"),
-                                     std::wstring(L"-class 'DeskwrightT.*'")}) {
-        EXPECT_EQ(pid, attach(args, 5000)) << std::string(args.begin(), args.end());
-        detachAndWait();
-    }
-}
 
 TEST_F(CrossProcess, WindowNativesReachTheOtherProcess) {
     EXPECT_EQ(L"remote text", text(native<jstring>("GetWindowText", java(edit))));
@@ -85,19 +69,15 @@ TEST_F(CrossProcess, WindowNativesReachTheOtherProcess) {
 
 TEST_F(CrossProcess, ElementsNameTheirRemoteWindows) {
     attachByPid();
-    std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
+    std::vector<jlong> tops = toplevels();
     ASSERT_EQ(1u, tops.size());
     EXPECT_EQ(java(main), native<jlong>("GetNativeHandle", tops[0]));
     EXPECT_EQ(L"Remote main", attr(tops[0], L"name")) << "the name from the window's text";
     EXPECT_EQ(std::to_wstring(GetWindowLongW(main, GWL_STYLE)), attr(tops[0], L"windowstyle"));
-
-    RECT rect{};
-    GetWindowRect(button, &rect);
-    const jlong hit = native<jlong>("GetElementFromPoint", jint((rect.left + rect.right) / 2),
-                                    jint((rect.top + rect.bottom) / 2));
-    ASSERT_NE(0, hit);
-    EXPECT_EQ(java(button), native<jlong>("GetNativeHandle", hit));
-    EXPECT_EQ(L"Button", text(native<jstring>("GetClassName", hit)));
+    const std::vector<jlong> inside = children(tops[0]);
+    ASSERT_EQ(2u, inside.size());
+    EXPECT_EQ(java(button), native<jlong>("GetNativeHandle", inside[1]));
+    EXPECT_EQ(L"Button", text(native<jstring>("GetClassName", inside[1])));
     EXPECT_EQ("", dwtest::pendingException(*host));
 }
 
@@ -108,7 +88,7 @@ TEST_F(CrossProcess, WindowsWithoutNodesAreElementsOfTheirHandles) {
     ASSERT_NE(nullptr, plain);
     SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
     attachByPid();
-    std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
+    std::vector<jlong> tops = toplevels();
     ASSERT_EQ(2u, tops.size());
     std::vector<jlong> windows;
     for (jlong top : tops) windows.push_back(native<jlong>("GetNativeHandle", top));

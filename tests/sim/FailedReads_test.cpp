@@ -21,16 +21,8 @@ protected:
         top = &attachToOwnWindow(L"Target");
     }
     fakeuia::Node& add(CONTROLTYPEID type, const std::wstring& name) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        spec.name = name;
-        spec.bounds = {20, 20, 120, 40};
-        spec.nativeWindowHandle = fakeuia::hwnd(0x4242);
-        return top->add(spec);
-    }
-    std::wstring attr(jlong handle, const std::wstring& name) {
-        jstring value = native<jstring>("GetAttribute", handle, host->str(name));
-        return host->isNull(value) ? L"<null>" : host->text(value);
+        return top->add({.controlType = type, .name = name, .bounds = {20, 20, 120, 40},
+                         .nativeWindowHandle = fakeuia::hwnd(0x4242)});
     }
 
     fakeuia::Node* top = nullptr;

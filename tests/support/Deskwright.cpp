@@ -9,9 +9,7 @@ Deskwright::Deskwright() {
     std::wstring dll(path);
     dll = dll.substr(0, dll.find_last_of(L"\\/") + 1) + L"deskwright.dll";
     module_ = LoadLibraryW(dll.c_str());
-    if (!module_) {
-        throw std::runtime_error("LoadLibrary(deskwright.dll) failed: " + std::to_string(GetLastError()));
-    }
+    if (!module_) throw std::runtime_error("LoadLibrary(deskwright.dll) failed: " + std::to_string(GetLastError()));
 }
 
 Deskwright::~Deskwright() {
@@ -21,9 +19,7 @@ Deskwright::~Deskwright() {
 
 FARPROC Deskwright::exportNamed(const std::string& name) const {
     FARPROC address = GetProcAddress(module_, name.c_str());
-    if (!address) {
-        throw std::runtime_error("deskwright.dll has no export " + name);
-    }
+    if (!address) throw std::runtime_error("deskwright.dll has no export " + name);
     return address;
 }
 

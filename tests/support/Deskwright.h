@@ -36,9 +36,7 @@ public:
     template <class... A>
     static std::string nativeName(const std::string& method) {
         const std::string plain = "Java_net_tolva_apps_cuebench_client_win_deskwright_DefaultDeskwright_" + method;
-        if (sizeof(void*) == 8) {
-            return plain;
-        }
+        if (sizeof(void*) == 8) return plain;
         const int bytes = stackBytes<JNIEnv*>() + stackBytes<jobject>() + (0 + ... + stackBytes<A>());
         return "_" + plain + "@" + std::to_string(bytes);
     }

@@ -16,9 +16,7 @@ std::wstring ownPidArgs() {
 bool waitUntil(const std::function<bool()>& condition, unsigned timeoutMs) {
     const ULONGLONG end = GetTickCount64() + timeoutMs;
     while (!condition()) {
-        if (GetTickCount64() > end) {
-            return condition();
-        }
+        if (GetTickCount64() > end) return condition();
         Sleep(10);
     }
     return true;
@@ -37,9 +35,7 @@ bool waitForDispatchThreadsToEnd(unsigned timeoutMs) {
 
 std::string pendingException(jnihost::JavaHost& host) {
     auto thrown = host.pendingException();
-    if (!thrown) {
-        return "";
-    }
+    if (!thrown) return "";
     std::string message(thrown->message.begin(), thrown->message.end());
     return thrown->className + ": " + message;
 }
@@ -58,14 +54,10 @@ void DriverTest::SetUp() {
 }
 
 void DriverTest::TearDown() {
-    if (attached) {
-        detachAndWait();
-    }
+    if (attached) detachAndWait();
     EXPECT_TRUE(waitForReleases(5000)) << "outstanding: " << platform->outstandingBreakdown();
     EXPECT_EQ(0u, host->outstandingPins());
-    for (const std::string& violation : host->violations()) {
-        ADD_FAILURE() << "JNI misuse: " << violation;
-    }
+    for (const std::string& violation : host->violations()) ADD_FAILURE() << "JNI misuse: " << violation;
     for (const std::string& call : platform->unsupportedCalls()) {
         ADD_FAILURE() << "unsupported automation call: " << call;
     }
@@ -92,13 +84,30 @@ bool DriverTest::waitForReleases(unsigned timeoutMs) {
 }
 
 fakeuia::Node& DriverTest::addOwnWindow(const std::wstring& name) {
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_WindowControlTypeId;
-    spec.name = name;
-    spec.className = L"TestWindow";
-    spec.processId = static_cast<int>(GetCurrentProcessId());
-    spec.bounds = {10, 10, 410, 310};
-    return platform->desktop().add(spec);
+    return addWindow(name, L"TestWindow", static_cast<int>(GetCurrentProcessId()));
+}
+
+fakeuia::Node& DriverTest::addWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd,
+                                     RECT bounds) {
+    return platform->desktop().add({.controlType = UIA_WindowControlTypeId, .name = name, .className = className,
+                                    .processId = pid, .bounds = bounds, .nativeWindowHandle = hwnd});
+}
+
+std::optional<std::wstring> DriverTest::attr(jlong handle, const std::wstring& name) {
+    jstring value = native<jstring>("GetAttribute", handle, host->str(name));
+    return host->isNull(value) ? std::nullopt : std::optional<std::wstring>(host->text(value));
+}
+
+std::vector<jlong> DriverTest::toplevels() { return host->longs(native<jlongArray>("GetToplevels")); }
+
+std::vector<jlong> DriverTest::children(jlong handle) {
+    return host->longs(native<jlongArray>("GetChildren", handle));
+}
+
+std::vector<std::wstring> DriverTest::names(const std::vector<jlong>& handles) {
+    std::vector<std::wstring> result;
+    for (jlong handle : handles) result.push_back(handle ? attr(handle, L"name").value_or(L"<null>") : L"<0>");
+    return result;
 }
 
 fakeuia::Node& DriverTest::attachToOwnWindow(const std::wstring& name) {
@@ -117,9 +126,7 @@ jlong DriverTest::handleOf(fakeuia::Node& node) {
     const std::vector<fakeuia::Node*> siblings = node.parent()->children();
     const std::vector<jlong> handles = host->longs(native<jlongArray>("GetChildren", handleOf(*node.parent())));
     for (size_t i = 0; i < siblings.size() && i < handles.size(); ++i) {
-        if (siblings[i] == &node) {
-            return handles[i];
-        }
+        if (siblings[i] == &node) return handles[i];
     }
     ADD_FAILURE() << "no handle for a node";
     return 0;
@@ -127,9 +134,7 @@ jlong DriverTest::handleOf(fakeuia::Node& node) {
 
 std::string DriverTest::thrown() {
     auto exception = host->takeException();
-    if (!exception) {
-        return "";
-    }
+    if (!exception) return "";
     std::string message(exception->message.begin(), exception->message.end());
     return exception->className == INVALID_HANDLE_EXCEPTION ? message : exception->className + ": " + message;
 }
@@ -147,9 +152,7 @@ std::string quoted(const std::wstring& text) {
 template <class T>
 std::string joined(const std::vector<T>& values) {
     std::string text = "[";
-    for (size_t i = 0; i < values.size(); ++i) {
-        text += (i ? "," : "") + std::to_string(values[i]);
-    }
+    for (size_t i = 0; i < values.size(); ++i) text += (i ? "," : "") + std::to_string(values[i]);
     return text + "]";
 }
 
@@ -168,9 +171,7 @@ std::string DriverTest::show(jstring text) {
 }
 
 std::string DriverTest::show(jobjectArray strings) {
-    if (host->isNull(strings)) {
-        return "null";
-    }
+    if (host->isNull(strings)) return "null";
     std::string text = "[";
     for (const auto& entry : host->strings(strings)) {
         text += (text.size() > 1 ? "," : "") + (entry ? quoted(*entry) : std::string("null"));

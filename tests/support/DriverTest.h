@@ -7,6 +7,7 @@
 
 #include "Deskwright.h"
 #include "LogFile.h"
+#include "OwnWindow.h"
 
 #include "FakeUia.h"
 #include "JniHost.h"
@@ -15,7 +16,9 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace dwtest {
 
@@ -26,6 +29,8 @@ extern const char* const FILTER_SIGNATURE;
 
 // "-pid <this process>".
 std::wstring ownPidArgs();
+// A window handle as Java holds it.
+inline jlong java(HWND window) { return static_cast<jlong>(reinterpret_cast<intptr_t>(window)); }
 
 class DriverTest : public ::testing::Test {
 protected:
@@ -49,14 +54,23 @@ protected:
     void detachAndWait();
     // Waits for the driver to release every automation object.
     bool waitForReleases(unsigned timeoutMs);
-    // A top-level window of this test process on the simulated desktop.
+    // A top-level window on the simulated desktop, of this test process unless
+    // another pid is given.
     fakeuia::Node& addOwnWindow(const std::wstring& name);
+    fakeuia::Node& addWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd = nullptr,
+                             RECT bounds = {10, 10, 410, 310});
     // Such a window, with the driver attached to this process and connected.
     fakeuia::Node& attachToOwnWindow(const std::wstring& name);
     // The handle of a node, found as Java finds it: the desktop as the parent
     // of a top-level window, then down through the child lists.
     jlong handleOf(fakeuia::Node& node);
     void setPreference(const std::wstring& key, const std::wstring& value);
+    // Java's view of elements: an attribute (nullopt for null), the top-level
+    // windows, children, and the names of handles ("<0>" for 0, "<null>").
+    std::optional<std::wstring> attr(jlong handle, const std::wstring& name);
+    std::vector<jlong> toplevels();
+    std::vector<jlong> children(jlong handle);
+    std::vector<std::wstring> names(const std::vector<jlong>& handles);
     // Takes the pending exception: its message if it is an
     // InvalidHandleException, "class: message" if not, "" if none.
     std::string thrown();

@@ -21,9 +21,7 @@ public:
             auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + library->OriginalFirstThunk);
             auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + library->FirstThunk);
             for (; library->OriginalFirstThunk && names->u1.AddressOfData; ++names, ++slots) {
-                if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) {
-                    continue;
-                }
+                if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) continue;
                 auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
                 if (std::strcmp(reinterpret_cast<const char*>(byName->Name), function) == 0) {
                     slot_ = reinterpret_cast<void**>(&slots->u1.Function);
@@ -34,9 +32,7 @@ public:
         }
     }
     ~ImportPatch() {
-        if (slot_) {
-            write(original_);
-        }
+        if (slot_) write(original_);
     }
     ImportPatch(const ImportPatch&) = delete;
     ImportPatch& operator=(const ImportPatch&) = delete;

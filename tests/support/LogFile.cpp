@@ -19,15 +19,11 @@ std::wstring& logPath() {
 bool parse(const std::string& text, LogLine& line) {
     const auto open = text.find(" [");
     const auto close = text.find("] L", open == std::string::npos ? 0 : open);
-    if (open == std::string::npos || close == std::string::npos) {
-        return false;
-    }
+    if (open == std::string::npos || close == std::string::npos) return false;
     line.thread = text.substr(open + 2, close - open - 2);
     std::istringstream rest(text.substr(close + 3));
     rest >> line.level >> line.logger >> line.method;
-    if (!line.method.empty() && line.method.back() == ':') {
-        line.method.pop_back();
-    }
+    if (!line.method.empty() && line.method.back() == ':') line.method.pop_back();
     std::string message;
     std::getline(rest, message);
     line.message = message.empty() ? message : message.substr(1);
@@ -55,9 +51,7 @@ std::vector<LogLine> LogFile::lines() {
     std::string text;
     LogLine line;
     while (std::getline(in, text)) {
-        if (!text.empty() && text.back() == '\r') {
-            text.pop_back();
-        }
+        if (!text.empty() && text.back() == '\r') text.pop_back();
         if (parse(text, line)) {
             result.push_back(line);
         } else if (!result.empty()) {
@@ -70,9 +64,7 @@ std::vector<LogLine> LogFile::lines() {
 std::vector<LogLine> LogFile::find(const std::string& text, int level) {
     std::vector<LogLine> result;
     for (const LogLine& line : lines()) {
-        if ((level < 0 || line.level == level) && line.message.find(text) != std::string::npos) {
-            result.push_back(line);
-        }
+        if ((level < 0 || line.level == level) && line.message.find(text) != std::string::npos) result.push_back(line);
     }
     return result;
 }
@@ -80,9 +72,7 @@ std::vector<LogLine> LogFile::find(const std::string& text, int level) {
 bool LogFile::waitFor(const std::string& text, unsigned timeoutMs, int level) {
     const ULONGLONG end = GetTickCount64() + timeoutMs;
     do {
-        if (contains(text, level)) {
-            return true;
-        }
+        if (contains(text, level)) return true;
         Sleep(20);
     } while (GetTickCount64() < end);
     return contains(text, level);
@@ -92,9 +82,7 @@ std::string LogFile::dump() {
     std::ifstream in(logPath().c_str(), std::ios::binary);
     std::string all;
     std::string text;
-    while (std::getline(in, text)) {
-        all += text + "\n";
-    }
+    while (std::getline(in, text)) all += text + "\n";
     return all;
 }
 

@@ -24,9 +24,7 @@ inline DWORD WINAPI RunWork(LPVOID work) {
 inline bool runOnStack(SIZE_T stackBytes, const std::function<void()>& work) {
     HANDLE thread = CreateThread(nullptr, stackBytes, &detail::RunWork, const_cast<std::function<void()>*>(&work),
                                  STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-    if (!thread) {
-        return false;
-    }
+    if (!thread) return false;
     while (MsgWaitForMultipleObjects(1, &thread, FALSE, INFINITE, QS_ALLINPUT) != WAIT_OBJECT_0) {
         MSG message;
         while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {

@@ -29,9 +29,7 @@ LRESULT CALLBACK FrameProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam
         }
         return 0;
     }
-    if (message == WM_COMMAND) {
-        commands.emplace_back(wParam, lParam);
-    }
+    if (message == WM_COMMAND) commands.emplace_back(wParam, lParam);
     return message == WM_COMMAND ? 0 : DefWindowProcW(hwnd, message, wParam, lParam);
 }
 
@@ -72,9 +70,7 @@ bool objectAtPoint = true;
 HRESULT WINAPI FakeAccessibleObjectFromPoint(POINT point, IAccessible** object, VARIANT* child) {
     askedPoints.push_back(point);
     *object = nullptr;
-    if (!objectAtPoint) {
-        return E_FAIL;
-    }
+    if (!objectAtPoint) return E_FAIL;
     pointObject.AddRef();
     *object = &pointObject;
     child->vt = VT_I4, child->lVal = 7;
@@ -85,11 +81,7 @@ class Fallbacks : public DriverTest {
 protected:
     void SetUp() override {
         DriverTest::SetUp();
-        WNDCLASSW windowClass = {};
-        windowClass.lpfnWndProc = FrameProc;
-        windowClass.hInstance = GetModuleHandleW(nullptr);
-        windowClass.lpszClassName = L"FallbackFrame";
-        RegisterClassW(&windowClass);
+        dwtest::registerClass(L"FallbackFrame", FrameProc);
         frame = CreateWindowExW(0, L"FallbackFrame", L"", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr, nullptr,
                                 GetModuleHandleW(nullptr), nullptr);
         edit = CreateWindowExW(0, L"EDIT", L"", WS_CHILD, 0, 0, 50, 20, frame, nullptr, GetModuleHandleW(nullptr),
@@ -104,16 +96,7 @@ protected:
     }
     fakeuia::Node& add(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name,
                        RECT bounds = {30, 40, 130, 90}) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        spec.name = name;
-        spec.bounds = bounds;
-        return parent.add(spec);
-    }
-    // An attribute as Java reads it; "<null>" for null.
-    std::wstring attr(jlong handle, const std::wstring& name) {
-        jstring value = native<jstring>("GetAttribute", handle, host->str(name));
-        return host->isNull(value) ? L"<null>" : host->text(value);
+        return parent.add({.controlType = type, .name = name, .bounds = bounds});
     }
 
     HWND frame = nullptr;
@@ -143,7 +126,7 @@ TEST_F(Fallbacks, ATextOfTheLimitIsTakenFromALongerWindowText) {
         } else if (attribute == L"text") {
             fakeuia::attach<fakeuia::TextSource>(node, platformText);
         }
-        const std::wstring read = attr(handleOf(node), attribute);
+        const std::wstring read = attr(handleOf(node), attribute).value_or(L"<null>");
         const std::wstring& wanted = row.fromWindow ? windowText : platformText;
         EXPECT_TRUE(read == wanted) << testing::PrintToString(row.attribute) << " of " << row.length << ": "
                                     << read.size() << " characters, first " << read.substr(0, 1);
@@ -167,13 +150,9 @@ TEST_F(Fallbacks, TheTextIsTheValueOnlyWithoutADocumentRange) {
         if (row.text) {
             auto text = fakeuia::attach<fakeuia::TextSource>(node, L"doc");
             text->available = row.available;
-            if (row.failing) {
-                text->fail(row.failing, E_FAIL);
-            }
+            if (row.failing) text->fail(row.failing, E_FAIL);
         }
-        if (row.value) {
-            fakeuia::attach<fakeuia::ValueSource>(node, L"val");
-        }
+        if (row.value) fakeuia::attach<fakeuia::ValueSource>(node, L"val");
         EXPECT_EQ(row.read, attr(handleOf(node), L"text")) << row.what;
         node.remove();
     }
@@ -193,9 +172,7 @@ TEST_F(Fallbacks, AValueIsWrittenOnlyWhereItIsKnownToBeWritable) {
         fakeuia::Node& node = add(*top, UIA_EditControlTypeId, L"field");
         node.update([&](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = edit, spec.automationId = row.automationId; });
         auto value = fakeuia::attach<fakeuia::ValueSource>(node, L"old", row.readOnly);
-        if (row.failing) {
-            value->fail(row.failing, E_FAIL);
-        }
+        if (row.failing) value->fail(row.failing, E_FAIL);
         commands.clear();
         EXPECT_EQ(row.result, native<jboolean>("SetAttribute", handleOf(node), host->str(L"value"), host->str(L"new")))
             << row.what;
@@ -224,9 +201,7 @@ TEST_F(Fallbacks, AMissingDescriptionIsAskedOfTheObjectAtTheTopLeftCorner) {
     };
     for (const Row& row : rows) {
         fakeuia::Node& node = add(*top, UIA_ButtonControlTypeId, L"button", {30, 40, 130, 90});
-        if (row.legacy) {
-            fakeuia::attach<fakeuia::LegacyIAccessibleSource>(node)->description = row.description;
-        }
+        if (row.legacy) fakeuia::attach<fakeuia::LegacyIAccessibleSource>(node)->description = row.description;
         askedPoints.clear();
         objectAtPoint = row.objectThere;
         pointObject.askedChild = 0;

@@ -22,68 +22,34 @@ void HelperTest::SetUp() {
 
 void HelperTest::TearDown() {
     tolva::withdrawAutomation().reset();
-    if (automation) {
-        automation->Release();
-    }
+    if (automation) automation->Release();
     EXPECT_EQ(0, platform->outstandingReferences()) << "still held: " << platform->outstandingBreakdown();
     expectNoUnsupportedCalls();
     platform->uninstall();
     tolva::tolvacore::log::Log::removeWriter(capture);
-    if (HasFailure()) {
-        std::cerr << "---- driver log ----\n" << logText() << "--------------------\n";
-    }
+    if (HasFailure()) std::cerr << "---- driver log ----\n" << logText() << "--------------------\n";
 }
 
 fakeuia::Node& HelperTest::window(const std::wstring& name, int pid, const std::wstring& className) {
-    fakeuia::NodeSpec spec;
-    spec.controlType = UIA_WindowControlTypeId;
-    spec.name = name;
-    spec.className = className;
-    spec.processId = pid;
-    spec.bounds = {0, 0, 640, 480};
-    return platform->desktop().add(spec);
+    return platform->desktop().add({.controlType = UIA_WindowControlTypeId, .name = name, .className = className,
+                                    .processId = pid, .bounds = {0, 0, 640, 480}});
 }
 
 IUIAutomationElement* HelperTest::elementOf(fakeuia::Node& node) {
-    // A search from the root finds the node by its runtime id.
-    std::vector<int> id = node.runtimeId();
     IUIAutomationElement* root = nullptr;
     automation->GetRootElement(&root);
-    if (node.isRoot()) {
-        return root;
-    }
+    if (node.isRoot()) return root;
+    // A search from the root finds the node by its runtime id.
+    const std::vector<int> id = node.runtimeId();
+    VARIANT value;
+    value.vt = VT_I4 | VT_ARRAY;
+    value.parray = SafeArrayCreateVector(VT_I4, 0, static_cast<ULONG>(id.size()));
+    for (LONG i = 0; i < static_cast<LONG>(id.size()); ++i) SafeArrayPutElement(value.parray, &i, const_cast<int*>(&id[i]));
     IUIAutomationCondition* condition = nullptr;
-    automation->CreateTrueCondition(&condition);
-    IUIAutomationElementArray* all = nullptr;
-    root->FindAll(TreeScope_Descendants, condition, &all);
+    automation->CreatePropertyCondition(UIA_RuntimeIdPropertyId, value, &condition);
     IUIAutomationElement* found = nullptr;
-    int length = 0;
-    all->get_Length(&length);
-    for (int i = 0; i < length && !found; ++i) {
-        IUIAutomationElement* element = nullptr;
-        all->GetElement(i, &element);
-        SAFEARRAY* runtimeId = nullptr;
-        element->GetRuntimeId(&runtimeId);
-        std::vector<int> ids;
-        if (runtimeId) {
-            LONG lower = 0;
-            LONG upper = -1;
-            SafeArrayGetLBound(runtimeId, 1, &lower);
-            SafeArrayGetUBound(runtimeId, 1, &upper);
-            for (LONG k = lower; k <= upper; ++k) {
-                int value = 0;
-                SafeArrayGetElement(runtimeId, &k, &value);
-                ids.push_back(value);
-            }
-            SafeArrayDestroy(runtimeId);
-        }
-        if (!ids.empty() && ids == id) {
-            found = element;
-        } else {
-            element->Release();
-        }
-    }
-    all->Release();
+    if (!id.empty()) root->FindFirst(TreeScope_Descendants, condition, &found);
+    VariantClear(&value);
     condition->Release();
     root->Release();
     return found;
@@ -97,9 +63,7 @@ void HelperTest::expectNoUnsupportedCalls() {
 
 std::string HelperTest::logText() const {
     std::string text;
-    for (const auto& record : capture->records()) {
-        text += tolva::tolvacore::log::formatRecord(record) + "\n";
-    }
+    for (const auto& record : capture->records()) text += tolva::tolvacore::log::formatRecord(record) + "\n";
     return text;
 }
 

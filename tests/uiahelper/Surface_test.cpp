@@ -34,8 +34,7 @@ private:
 class Surface : public HelperTest {
 protected:
     fakeuia::Node& node(CONTROLTYPEID type, const std::function<void(fakeuia::NodeSpec&)>& more = {}) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
+        fakeuia::NodeSpec spec{.controlType = type};
         if (more) more(spec);
         return window(L"w").add(spec);
     }
@@ -175,18 +174,9 @@ TEST_F(Surface, RolesAndStatesByTheirConstants) {
         const std::wstring word = UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get());
         EXPECT_TRUE(!word.empty() && word.find(L',') == std::wstring::npos) << std::hex << bit << ": one word";
     }
-    for (const auto& row : {std::make_pair(STATE_SYSTEM_UNAVAILABLE, L"UNAVAILABLE"),
-                            std::make_pair(STATE_SYSTEM_HASPOPUP, L"HASPOPUP")}) {
-        legacy->state = row.first;
-        EXPECT_EQ(row.second, UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get())) << std::hex << row.first;
-    }
     legacy->state = STATE_SYSTEM_SELECTED | STATE_SYSTEM_FOCUSABLE | 0x80000000ul;
     EXPECT_EQ(L"SELECTED,FOCUSABLE", UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get()))
-        << "bits outside the table have no word";
-    legacy->state = 0;
-    EXPECT_EQ(L"NORMAL", UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get()));
-    legacy->state = 0x7FFFFFFFul;
-    EXPECT_EQ(L"VALID", UiaHelper::GetAccStateNames(ElementRef(elementOf(n)).get())) << "every valid bit";
+        << "bits outside the table have no word";  // no bits, every bit: the attribute "accstate"
 
     legacy->role = ROLE_SYSTEM_ROW;
     legacy->fail("get_CurrentRole", E_FAIL);
@@ -225,11 +215,7 @@ TEST_F(Surface, GettersReadFreshlyAndGiveDefaultsOnFailure) {
     nullHelp.nullString("get_CurrentHelpText");
     ElementRef goneElement(elementOf(gone));
     gone.remove();
-    struct Row {
-        const char* name;
-        IUIAutomationElement* element;
-        std::wstring expected;
-    };
+    struct Row { const char* name; IUIAutomationElement* element; std::wstring expected; };
     ElementRef r(elementOf(read)), p(elementOf(plain)), f(elementOf(failing)), n(elementOf(nullHelp));
     const Row rows[] = {
         {"every property set", r.get(),
@@ -285,47 +271,47 @@ TEST_F(Surface, PatternNamesAndTheListOfAnElementsPatterns) {
 }
 
 TEST_F(Surface, RangeValuesAreReadAndSetWithTheCodesOfThePlatform) {
+    using Failures = std::vector<std::pair<const char*, HRESULT>>;  // methods of the pattern or the element
     struct Row {
         const char* name;
-        std::function<void(fakeuia::RangeValueSource&, fakeuia::Node&)> setup;  // null: no pattern
-        HRESULT readCode;  // of GetRangeValue; S_FALSE: any success
+        bool pattern;
+        bool clamps;
+        bool readOnly;
+        Failures failures;
+        HRESULT readCode;     // of GetRangeValue; S_FALSE: any success
         const wchar_t* read;  // value,minimum,maximum after the read from -1,-1,-1 (a failed call gives 0)
         double write;
         HRESULT writeCode;  // of SetRangeValue; S_FALSE: any success
         double after;       // the source's value after the write
     };
-    auto none = [](fakeuia::RangeValueSource&, fakeuia::Node&) {};
     const Row rows[] = {
-        {"within the range", none, S_OK, L"5,0,100", 42.25, S_OK, 42.25},
-        {"a clamping slider fails although SetValue succeeded",
-         [](fakeuia::RangeValueSource& r, fakeuia::Node&) { r.clamps = true; }, S_OK, L"5,0,100", 150, E_FAIL, 100},
-        {"a refusal", [](fakeuia::RangeValueSource& r, fakeuia::Node&) { r.clamps = false; }, S_OK, L"5,0,100", 150,
-         E_INVALIDARG, 5},
-        {"read-only", [](fakeuia::RangeValueSource& r, fakeuia::Node&) { r.readOnly = true; }, S_OK, L"5,0,100", 50,
-         fakeuia::kElementNotEnabled, 5},
-        {"the read stops at the first failure",
-         [](fakeuia::RangeValueSource& r, fakeuia::Node&) {
-             r.fail("get_CurrentMinimum", E_ACCESSDENIED);
-             r.fail("get_CurrentMaximum", E_FAIL);
-         },
-         E_ACCESSDENIED, L"5,0,-1", 50, S_OK, 50},
-        {"the code of the last call", [](fakeuia::RangeValueSource& r,
-                                          fakeuia::Node&) { r.fail("get_CurrentMaximum", E_UNEXPECTED); },
-         E_UNEXPECTED, L"5,0,0", 50, S_OK, 50},
-        {"a failed read-back", [](fakeuia::RangeValueSource& r,
-                                  fakeuia::Node&) { r.fail("get_CurrentValue", E_UNEXPECTED); },
-         E_UNEXPECTED, L"0,-1,-1", 50, E_UNEXPECTED, 50},
-        {"a failed pattern request",
-         [](fakeuia::RangeValueSource&, fakeuia::Node& n) { n.fail("GetCurrentPatternAs", E_ACCESSDENIED); },
-         E_ACCESSDENIED, L"-1,-1,-1", 50, E_ACCESSDENIED, 5},
-        {"no pattern: the outputs stay", nullptr, S_FALSE, L"-1,-1,-1", 50, S_FALSE, 0},
+        {"within the range", true, true, false, {}, S_OK, L"5,0,100", 42.25, S_OK, 42.25},
+        {"a clamping slider fails although SetValue succeeded", true, true, false, {}, S_OK, L"5,0,100", 150, E_FAIL,
+         100},
+        {"a refusal", true, false, false, {}, S_OK, L"5,0,100", 150, E_INVALIDARG, 5},
+        {"read-only", true, true, true, {}, S_OK, L"5,0,100", 50, fakeuia::kElementNotEnabled, 5},
+        {"the read stops at the first failure", true, true, false,
+         {{"get_CurrentMinimum", E_ACCESSDENIED}, {"get_CurrentMaximum", E_FAIL}}, E_ACCESSDENIED, L"5,0,-1", 50, S_OK,
+         50},
+        {"the code of the last call", true, true, false, {{"get_CurrentMaximum", E_UNEXPECTED}}, E_UNEXPECTED,
+         L"5,0,0", 50, S_OK, 50},
+        {"a failed read-back", true, true, false, {{"get_CurrentValue", E_UNEXPECTED}}, E_UNEXPECTED, L"0,-1,-1", 50,
+         E_UNEXPECTED, 50},
+        {"a failed pattern request", true, true, false, {{"GetCurrentPatternAs", E_ACCESSDENIED}}, E_ACCESSDENIED,
+         L"-1,-1,-1", 50, E_ACCESSDENIED, 5},
+        {"no pattern: the outputs stay", false, true, false, {}, S_FALSE, L"-1,-1,-1", 50, S_FALSE, 0},
     };
     for (const Row& row : rows) {
         fakeuia::Node& n = node(UIA_SliderControlTypeId);
         std::shared_ptr<fakeuia::RangeValueSource> range;
-        if (row.setup) {
+        if (row.pattern) {
             range = fakeuia::attach<fakeuia::RangeValueSource>(n, 5.0, 0.0, 100.0);
-            row.setup(*range, n);
+            range->clamps = row.clamps;
+            range->readOnly = row.readOnly;
+            for (const auto& [method, hr] : row.failures) {
+                if (method == std::string("GetCurrentPatternAs")) n.fail(method, hr);
+                else range->fail(method, hr);
+            }
         }
         ElementRef element(elementOf(n));
         double value = -1, minimum = -1, maximum = -1;
@@ -342,79 +328,52 @@ TEST_F(Surface, RangeValuesAreReadAndSetWithTheCodesOfThePlatform) {
     }
 }
 
+// An answer of a helper as text, whatever its type.
+std::wstring said(bool value) { return value ? L"true" : L"false"; }
+std::wstring said(long value) { return std::to_wstring(value); }
+std::wstring said(int value) { return std::to_wstring(value); }
+std::wstring said(const std::wstring& value) { return value; }
+std::wstring said(const UiaHelper::GridPair& pair) {
+    return pair.size() == 2 ? said(pair[0]) + L"," + said(pair[1]) : L"<size>";
+}
+std::wstring said(const UiaHelper::ElementList& list) { return L"list of " + said(static_cast<int>(list.size())); }
+std::wstring said(IUIAutomationElement* element) { return element ? L"element" : L"null"; }
+
 // An element that Java or the platform couldn't give (no element at a point,
 // a parent that went away) is answered as an element without the pattern.
 TEST_F(Surface, ANullElementIsAnsweredNotCalledThrough) {
-    auto flag = [](bool value) { return std::wstring(value ? L"true" : L"false"); };
-    auto number = [](long value) { return std::to_wstring(value); };
-    auto pair = [](const UiaHelper::GridPair& value) {
-        return value.size() == 2 ? std::to_wstring(value[0]) + L"," + std::to_wstring(value[1]) : L"<size>";
-    };
-    double a = 7, b = 8, c = 9;
+    double a = 7, b = 8, c = 9, d = 0, e = 0;
     int pid = 5;
-    std::wstring text = L"old";
-    struct Row {
-        const char* helper;
-        std::function<std::wstring()> answer;
-        const wchar_t* expected;
-    };
+    std::wstring text = L"old", value = L"kept";
+    struct Row { const char* call; std::function<std::wstring()> answer; const wchar_t* expected; };
+#define ROW(call, expected) {#call, [&] { return said(UiaHelper::call); }, expected}
     const std::vector<Row> rows = {
-        {"GetControlType", [&] {
-             const long code = UiaHelper::GetControlType(nullptr, text);
-             return number(code) + L" '" + text + L"'";
-         },
-         L"-2147024809 ''"},
-        {"GetControlTypeId", [&] { return number(UiaHelper::GetControlTypeId(nullptr)); }, L"0"},
-        {"GetControlPatterns", [&] { return UiaHelper::GetControlPatterns(nullptr); }, L" "},
-        {"GetAccRoleName", [&] { return UiaHelper::GetAccRoleName(nullptr); }, L"NN"},
-        {"GetControlClassName", [&] { return UiaHelper::GetControlClassName(nullptr); }, L""},
-        {"GetControlProcessId", [&] {
-             const long code = UiaHelper::GetControlProcessId(nullptr, &pid);
-             return number(code) + L" " + number(pid);
-         },
-         L"-2147024809 0"},
-        {"GetRangeValue",
-         [&] {
-             const long code = UiaHelper::GetRangeValue(nullptr, a, b, c);
-             return number(code) + L" " + number(static_cast<long>(a + b + c));
-         },
-         L"-2147024809 24"},
-        {"SetRangeValue", [&] { return number(UiaHelper::SetRangeValue(nullptr, 1.0)); }, L"-2147024809"},
-        {"HasAncestorWithPid", [&] { return flag(UiaHelper::HasAncestorWithPid(nullptr, 1)); }, L"false"},
-        {"MoveControl", [&] { return flag(UiaHelper::MoveControl(nullptr, 1, 1)); }, L"false"},
-        {"ResizeControl", [&] { return flag(UiaHelper::ResizeControl(nullptr, 1, 1)); }, L"false"},
-        {"CloseControl", [&] { return flag(UiaHelper::CloseControl(nullptr)); }, L"false"},
-        {"DoDefaultAction", [&] { return flag(UiaHelper::DoDefaultAction(nullptr)); }, L"false"},
-        {"DoInvoke", [&] { return flag(UiaHelper::DoInvoke(nullptr)); }, L"false"},
-        {"DoSelect", [&] { return flag(UiaHelper::DoSelect(nullptr, 1)); }, L"false"},
-        {"DoExpand", [&] { return flag(UiaHelper::DoExpand(nullptr, true)); }, L"false"},
-        {"GetExpandState", [&] { return number(UiaHelper::GetExpandState(nullptr)); }, L"-1"},
-        {"GetToggleState", [&] { return number(UiaHelper::GetToggleState(nullptr)); }, L"-1"},
-        {"SetToggleState", [&] { return flag(UiaHelper::SetToggleState(nullptr, 1)); }, L"false"},
-        {"GetScrollPercent", [&] { return flag(UiaHelper::GetScrollPercent(nullptr, a, b)); }, L"false"},
-        {"GetViewSize", [&] { return flag(UiaHelper::GetViewSize(nullptr, a, b)); }, L"false"},
-        {"DoScroll", [&] { return flag(UiaHelper::DoScroll(nullptr, 10, 10)); }, L"false"},
-        {"GetGridColumnAndRowCount", [&] { return pair(UiaHelper::GetGridColumnAndRowCount(nullptr)); }, L"-1,-1"},
-        {"GetGridItem", [&] { return flag(UiaHelper::GetGridItem(nullptr, 0, 0) != nullptr); }, L"false"},
-        {"GetGridItemColumnAndRow", [&] { return pair(UiaHelper::GetGridItemColumnAndRow(nullptr)); }, L"-1,-1"},
-        {"GetColumnHeaders", [&] { return number(static_cast<long>(UiaHelper::GetColumnHeaders(nullptr).size())); }, L"0"},
-        {"IsSelected", [&] { return flag(UiaHelper::IsSelected(nullptr)); }, L"false"},
-        {"GetControlInteractionState", [&] { return number(UiaHelper::GetControlInteractionState(nullptr)); }, L"-1"},
-        {"IsControlModal", [&] { return flag(UiaHelper::IsControlModal(nullptr)); }, L"false"},
-        {"HasWindowPattern", [&] { return flag(UiaHelper::HasWindowPattern(nullptr)); }, L"false"},
-        {"IsTextReadOnly", [&] { return flag(UiaHelper::IsTextReadOnly(nullptr)); }, L"false"},
-        {"GetControlChildId", [&] { return number(UiaHelper::GetControlChildId(nullptr)); }, L"0"},
-        {"GetAccStateNames", [&] { return UiaHelper::GetAccStateNames(nullptr); }, L""},
-        {"GetAccValue", [&] { return UiaHelper::GetAccValue(nullptr); }, L""},
-        {"GetAccDescription", [&] { return UiaHelper::GetAccDescription(nullptr); }, L""},
-        {"GetControlValue", [&] {
-             std::wstring value = L"kept";
-             return flag(FAILED(UiaHelper::GetControlValue(nullptr, value))) + L" " + value;
-         }, L"true kept"},
-        {"SetControlValue", [&] { return flag(UiaHelper::SetControlValue(nullptr, L"x")); }, L"false"},
+        ROW(GetControlType(nullptr, text), L"-2147024809"), ROW(GetControlTypeId(nullptr), L"0"),
+        ROW(GetControlPatterns(nullptr), L" "), ROW(GetAccRoleName(nullptr), L"NN"),
+        ROW(GetControlClassName(nullptr), L""), ROW(GetControlProcessId(nullptr, &pid), L"-2147024809"),
+        ROW(GetRangeValue(nullptr, a, b, c), L"-2147024809"), ROW(SetRangeValue(nullptr, 1.0), L"-2147024809"),
+        ROW(HasAncestorWithPid(nullptr, 1), L"false"), ROW(MoveControl(nullptr, 1, 1), L"false"),
+        ROW(ResizeControl(nullptr, 1, 1), L"false"), ROW(CloseControl(nullptr), L"false"),
+        ROW(DoDefaultAction(nullptr), L"false"), ROW(DoInvoke(nullptr), L"false"), ROW(DoSelect(nullptr, 1), L"false"),
+        ROW(DoExpand(nullptr, true), L"false"), ROW(GetExpandState(nullptr), L"-1"), ROW(GetToggleState(nullptr), L"-1"),
+        ROW(SetToggleState(nullptr, 1), L"false"), ROW(GetScrollPercent(nullptr, d, e), L"false"),
+        ROW(GetViewSize(nullptr, d, e), L"false"), ROW(DoScroll(nullptr, 10, 10), L"false"),
+        ROW(GetGridColumnAndRowCount(nullptr), L"-1,-1"), ROW(GetGridItem(nullptr, 0, 0), L"null"),
+        ROW(GetGridItemColumnAndRow(nullptr), L"-1,-1"), ROW(GetColumnHeaders(nullptr), L"list of 0"),
+        ROW(IsSelected(nullptr), L"false"), ROW(GetControlInteractionState(nullptr), L"-1"),
+        ROW(IsControlModal(nullptr), L"false"), ROW(HasWindowPattern(nullptr), L"false"),
+        ROW(IsTextReadOnly(nullptr), L"false"), ROW(GetControlChildId(nullptr), L"0"),
+        ROW(GetAccStateNames(nullptr), L""), ROW(GetAccValue(nullptr), L""), ROW(GetAccDescription(nullptr), L""),
+        {"GetControlValue fails", [&] { return said(FAILED(UiaHelper::GetControlValue(nullptr, value))); }, L"true"},
+        ROW(SetControlValue(nullptr, L"x"), L"false"),
     };
+#undef ROW
     for (const Row& row : rows) {
-        std::fprintf(stderr, "%s\n", row.helper);  // names the row if the call brings the process down
-        EXPECT_EQ(row.expected, row.answer()) << row.helper;
+        std::fprintf(stderr, "%s\n", row.call);  // names the row if the call brings the process down
+        EXPECT_EQ(row.expected, row.answer()) << row.call;
     }
+    EXPECT_EQ(L"", text) << "the type is preset";
+    EXPECT_EQ(0, pid) << "the pid is preset";
+    EXPECT_EQ(24, a + b + c) << "range outputs stay";
+    EXPECT_EQ(L"kept", value) << "the value stays";
 }

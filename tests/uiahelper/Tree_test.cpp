@@ -1,11 +1,10 @@
 // Walking and searching the element tree, and finding a target's windows.
 #include "HelperTest.h"
+#include "OwnWindow.h"
 
 #include "common/NullMarkers.h"
 #include "common/Preferences.h"
 #include "uiahelper/UiaHelper.h"
-
-#include "SmallStack.h"
 
 #include <algorithm>
 #include <functional>
@@ -18,19 +17,12 @@ namespace {
 class Tree : public HelperTest {
 protected:
     void TearDown() override {
-        for (const wchar_t* key : {tolva::PREF_MAX_CHILDREN, tolva::PREF_TOPLEVEL_CLASSES}) {
-            tolva::Preferences::getInstance().setPreference(key, tolva::NULL_JAVA_STRING);
-        }
+        tolva::Preferences::getInstance().setPreference(tolva::PREF_MAX_CHILDREN, tolva::NULL_JAVA_STRING);
         HelperTest::TearDown();
     }
     fakeuia::Node& child(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name = L"",
                          const std::wstring& className = L"", int pid = 0) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        spec.name = name;
-        spec.className = className;
-        spec.processId = pid;
-        return parent.add(spec);
+        return parent.add({.controlType = type, .name = name, .className = className, .processId = pid});
     }
     // The names of a list's elements.
     std::vector<std::wstring> names(const UiaHelper::ElementList& list) {
@@ -51,9 +43,7 @@ using Names = std::vector<std::wstring>;
 
 TEST_F(Tree, ChildrenAreLimitedByMaxChildrenAndEndAtAFailingStep) {
     fakeuia::Node& top = window(L"w");
-    for (const wchar_t* name : {L"1", L"2", L"3", L"4", L"5"}) {
-        child(top, UIA_ButtonControlTypeId, name);
-    }
+    for (const wchar_t* name : {L"1", L"2", L"3", L"4", L"5"}) child(top, UIA_ButtonControlTypeId, name);
     ElementRef element(elementOf(top));
     EXPECT_EQ((Names{L"1", L"2", L"3", L"4", L"5"}), names(UiaHelper::GetChildren(element.get())));
     setPreference(tolva::PREF_MAX_CHILDREN, L"3");
@@ -141,52 +131,12 @@ TEST_F(Tree, FramesAreLookedThroughOnlyForChildrenAndOnlyIntoOtherProcesses) {
     EXPECT_EQ(4711, pid);
 }
 
-TEST_F(Tree, WindowsOfASubtreeAndListedClasses) {
-    fakeuia::Node& top = window(L"top", 1);
-    child(top, UIA_WindowControlTypeId, L"dialog");
-    fakeuia::Node& panel = child(top, UIA_PaneControlTypeId, L"panel", L"Panel");
-    child(panel, UIA_WindowControlTypeId, L"inside a pane");
-    fakeuia::Node& pane = platform->desktop().add([] {
-        fakeuia::NodeSpec spec;
-        spec.controlType = UIA_PaneControlTypeId;
-        spec.name = L"top pane";
-        spec.className = L"Shell_TrayWnd";
-        return spec;
-    }());
-    child(pane, UIA_WindowControlTypeId, L"below a top pane");
-    ElementRef desktop(elementOf(platform->desktop()));
-    EXPECT_EQ((Names{L"top", L"dialog"}), names(UiaHelper::FindAllWindows(desktop.get())));
-
-    setPreference(tolva::PREF_TOPLEVEL_CLASSES, L"Shell_TrayWnd,Panel");
-    EXPECT_EQ((Names{L"top", L"dialog", L"panel", L"top pane"}), names(UiaHelper::FindAllWindows(desktop.get())));
-}
-
-TEST_F(Tree, SearchesByPropertyAndByPoint) {
-    fakeuia::Node& top = window(L"w", 1);
-    child(top, UIA_ButtonControlTypeId, L"OK");
-    child(top, UIA_ButtonControlTypeId, L"Cancel");
-    VARIANT type;
-    VariantInit(&type);
-    type.vt = VT_I4;
-    type.lVal = UIA_ButtonControlTypeId;
-    EXPECT_EQ((Names{L"OK", L"Cancel"}), names(UiaHelper::GetElementsByProperty(nullptr, UIA_ControlTypePropertyId, type, TreeScope_Descendants)));
-    ElementRef topElement(elementOf(top));
-    EXPECT_TRUE(names(UiaHelper::GetElementsByProperty(topElement.get(), UIA_ControlTypePropertyId, type, TreeScope_Element)).empty());
-    top.children()[0]->update([](fakeuia::NodeSpec& spec) { spec.bounds = {10, 10, 50, 30}; });
-    ElementRef hit(UiaHelper::GetElementFromPoint(POINT{20, 20}));
-    EXPECT_EQ(L"OK", UiaHelper::GetControlName(hit.get()));
-}
-
 namespace {
 
-// Real top-level windows of this process, shown or hidden.
-struct RealWindow {
-    RealWindow(const wchar_t* title, bool visible) {
-        hwnd = CreateWindowExW(0, L"STATIC", title, WS_OVERLAPPEDWINDOW | (visible ? WS_VISIBLE : 0), 0, 0, 120, 80,
-                               nullptr, nullptr, GetModuleHandleW(nullptr), nullptr);
-    }
-    ~RealWindow() { DestroyWindow(hwnd); }
-    HWND hwnd;
+// A real top-level window of this process, shown or hidden.
+struct RealWindow : dwtest::OwnWindow {
+    RealWindow(const wchar_t* title, bool visible)
+        : OwnWindow(L"STATIC", title, WS_OVERLAPPEDWINDOW | (visible ? WS_VISIBLE : 0)) {}
 };
 
 }  // namespace
@@ -202,58 +152,12 @@ TEST_F(Tree, TheWindowSystemListsAndMatchesOnlyVisibleWindowsOfTheProcess) {
     EXPECT_EQ((Names{L"shown"}), names(UiaHelper::GetToplevelsForPidViaHWND(pid)));
     EXPECT_EQ((Names{L"shown", L"hidden"}), names(UiaHelper::GetToplevelsForPid(pid)))
         << "the automation tree shows hidden windows";
-    ElementRef found(UiaHelper::GetToplevelByTitleViaHWND(L"Shown \\w+"));
-    EXPECT_EQ(L"shown", UiaHelper::GetControlName(found.get()));
-    EXPECT_EQ(nullptr, UiaHelper::GetToplevelByTitleViaHWND(L"Shown")) << "titles match whole";
-    EXPECT_EQ(nullptr, UiaHelper::GetToplevelByTitleViaHWND(L"Hidden target")) << "invisible windows never count";
 
     ShowWindow(shown.hwnd, SW_HIDE);
     RealWindow stray(L"No element", true);
     platform->fail("ElementFromHandle", fakeuia::kElementNotAvailable);
     EXPECT_EQ((Names{L"<null>"}), names(UiaHelper::GetToplevelsForPidViaHWND(pid)))
         << "a window whose element can't be had leaves a null entry";
-}
-
-TEST_F(Tree, NamesClassesAndTitlesOfAnyLengthMatchOnTheDispatchThreadsStack) {
-    const std::wstring tail(1000000, L'x');
-    const int self = static_cast<int>(GetCurrentProcessId());
-    window(L"Main " + tail, 1, L"Sun" + tail);
-    fakeuia::Node& frame = window(L"App frame", 88, L"ApplicationFrameWindow");
-    child(frame, UIA_WindowControlTypeId, L"Core " + tail, L"Windows.UI.Core.CoreWindow", 4711);
-    RealWindow shown((L"Report " + tail).c_str(), true);
-    window(L"report element", self).update([&](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = shown.hwnd; });
-
-    auto byName = [this](const wchar_t* regex) {
-        return names(UiaHelper::GetElementsByTypeAndName(nullptr, L"", regex, false, 2)).size();
-    };
-    auto found = [](IUIAutomationElement* element) {
-        ElementRef held(element);
-        return held.get() ? size_t{1} : size_t{0};
-    };
-    struct Row {
-        const char* what;
-        std::function<size_t()> hits;
-        size_t expected;
-    };
-    const std::vector<Row> rows = {
-        {"a top-level name", [&] { return byName(L"Main x*"); }, 1},
-        {"a name that differs at its end", [&] { return byName(L"Main x*y"); }, 0},
-        {"a name inside a frame", [&] { return byName(L"Core x+"); }, 1},
-        {"a name as a long literal", [&] { return byName((L"Main " + tail).c_str()); }, 1},
-        {"an expression too complex for the name", [&] { return byName(L"Main (x|xx)*y"); }, 0},
-        {"a class", [&] { return found(UiaHelper::GetToplevelByClassName(L"Sun.*")); }, 1},
-        {"a class that differs at its end", [&] { return found(UiaHelper::GetToplevelByClassName(L"Sunx*y")); }, 0},
-        {"a window title", [&] { return found(UiaHelper::GetToplevelByTitleViaHWND(L"Report x+")); }, 1},
-    };
-    std::vector<size_t> hits(rows.size(), 99);
-    ASSERT_TRUE(dwtest::runOnStack(dwtest::DISPATCH_STACK_BYTES, [&] {
-        for (size_t i = 0; i < rows.size(); ++i) {
-            hits[i] = rows[i].hits();
-        }
-    }));
-    for (size_t i = 0; i < rows.size(); ++i) {
-        EXPECT_EQ(rows[i].expected, hits[i]) << rows[i].what;
-    }
 }
 
 TEST_F(Tree, MalformedExpressionsFindNothing) {

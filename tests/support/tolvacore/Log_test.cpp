@@ -7,6 +7,7 @@
 // made (the static logger below it), so the tests pass alone or together.
 // Cases that need another configuration run this executable again as a child
 // process, with its own environment, and check what the child reports.
+#include "ChildRun.h"
 #include "tolvacore/log/CaptureWriter.h"
 #include "tolvacore/log/Log.h"
 
@@ -21,10 +22,12 @@
 #include <cstdio>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <tuple>
 
+using dwtest::readFile;
 using tolva::tolvacore::log::CaptureWriter;
 using tolva::tolvacore::log::Log;
 using tolva::tolvacore::log::LogRecord;
@@ -65,25 +68,11 @@ const std::wstring& logFilePath() {
     return path;
 }
 
-std::string readFile(const std::wstring& path) {
-    std::string content;
-    if (FILE* file = _wfopen(path.c_str(), L"rb")) {
-        char buffer[65536];
-        for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, file)) > 0;) content.append(buffer, got);
-        std::fclose(file);
-    }
-    return content;
-}
-
 // The lines of a text; the text must end with a line end, checked apart.
 std::vector<std::string> splitLines(const std::string& text) {
     std::vector<std::string> lines;
-    std::size_t start = 0;
-    for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    if (start < text.size()) lines.push_back(text.substr(start));
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
@@ -112,23 +101,16 @@ struct LogFileRemover {
 } logFileRemover;
 
 // Restores the output level at the end of a test.
-class OutputLevelGuard {
-public:
-    OutputLevelGuard() : saved_(Log::getOutputLogLevel()) {}
-    ~OutputLevelGuard() { Log::setOutputLogLevel(saved_); }
-
-private:
-    short saved_;
+struct OutputLevelGuard {
+    const short saved = Log::getOutputLogLevel();
+    ~OutputLevelGuard() { Log::setOutputLogLevel(saved); }
 };
 
 // Registers a writer for the length of a test.
-class Registration {
-public:
-    explicit Registration(boost::shared_ptr<LogWriter> writer) : writer_(std::move(writer)) { Log::addWriter(writer_); }
-    ~Registration() { Log::removeWriter(writer_); }
-
-private:
-    boost::shared_ptr<LogWriter> writer_;
+struct Registration {
+    explicit Registration(boost::shared_ptr<LogWriter> added) : writer(std::move(added)) { Log::addWriter(writer); }
+    ~Registration() { Log::removeWriter(writer); }
+    boost::shared_ptr<LogWriter> writer;
 };
 
 std::string utf8(const std::wstring& text) {
@@ -156,60 +138,6 @@ std::string localStamp(std::int64_t ms) {
     std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.wYear, local.wMonth, local.wDay,
                   local.wHour, local.wMinute, local.wSecond, local.wMilliseconds);
     return stamp;
-}
-
-struct ChildResult {
-    DWORD exitCode = 0xFFFFFFFF;
-    std::string out;
-    std::string err;
-};
-
-// Runs one test of this executable in a child process, whose environment is
-// this one's without any TOLVA_LOG_ variable, plus the role and the given
-// variables. (This process read its configuration long before.)
-ChildResult runChild(const std::string& test, const std::wstring& childRole,
-                     const std::vector<std::pair<std::wstring, std::wstring>>& variables) {
-    ChildResult result;
-    wchar_t exe[MAX_PATH];
-    if (GetModuleFileNameW(nullptr, exe, MAX_PATH) == 0) return result;
-    SetEnvironmentVariableW(L"TOLVA_LOG_LEVELS", nullptr);
-    SetEnvironmentVariableW(L"TOLVA_LOG_FILE", nullptr);
-    SetEnvironmentVariableW(kRoleVariable, childRole.c_str());
-    for (const auto& variable : variables) SetEnvironmentVariableW(variable.first.c_str(), variable.second.c_str());
-
-    const std::wstring base = tempFolder() + L"tolva-log-child-" + std::to_wstring(GetCurrentProcessId()) + childRole;
-    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-    auto create = [&](const std::wstring& path) {
-        return CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, CREATE_ALWAYS,
-                           FILE_ATTRIBUTE_NORMAL, nullptr);
-    };
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = create(base + L".out");
-    startup.hStdError = create(base + L".err");
-    std::wstring command = L"\"" + std::wstring(exe) + L"\" --gtest_filter=" + std::wstring(test.begin(), test.end());
-    PROCESS_INFORMATION process = {};
-    if (CreateProcessW(exe, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
-        if (WaitForSingleObject(process.hProcess, 60000) == WAIT_OBJECT_0) {
-            GetExitCodeProcess(process.hProcess, &result.exitCode);
-        } else {
-            TerminateProcess(process.hProcess, 99);
-        }
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
-    }
-    CloseHandle(startup.hStdOutput);
-    CloseHandle(startup.hStdError);
-    for (const auto& variable : variables) SetEnvironmentVariableW(variable.first.c_str(), nullptr);
-    SetEnvironmentVariableW(kRoleVariable, nullptr);
-    SetEnvironmentVariableW(L"TOLVA_LOG_LEVELS", kLevels);
-    SetEnvironmentVariableW(L"TOLVA_LOG_FILE", logFilePath().c_str());
-    result.out = readFile(base + L".out");
-    result.err = readFile(base + L".err");
-    DeleteFileW((base + L".out").c_str());
-    DeleteFileW((base + L".err").c_str());
-    return result;
 }
 
 }  // namespace
@@ -354,11 +282,7 @@ TEST(LogOStream, NarrowAsItIsWideAsUtf8NumbersWithManipulators) {
     wchar_t* wide = buffer;
     const wchar_t* nothing = nullptr;
     wchar_t* nothingEither = nullptr;
-    struct Row {
-        const char* name;
-        Logger::OStream out;
-        std::string expected;
-    };
+    struct Row { const char* name; Logger::OStream out; std::string expected; };
     Row rows[] = {
         {"narrow text", {}, "literal string \xC3\xBC pointer c"},
         {"wide text", {}, "Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC \xF0\x9F\x98\x80 \xC3\xA9 literal \xF0\x9F\x98\x80"},
@@ -482,8 +406,10 @@ TEST(LogToShm, StarLevelsAndStandardErrorWithoutAUsableLogFile) {
         return;
     }
     const std::wstring missing = tempFolder() + L"no-such-folder-" + std::to_wstring(GetCurrentProcessId()) + L"\\x.log";
-    const ChildResult child = runChild("LogToShm.StarLevelsAndStandardErrorWithoutAUsableLogFile", L"child",
-                                       {{L"TOLVA_LOG_LEVELS", L"*=8, ch.a=4,ch.a.b=6,*=x"}, {L"TOLVA_LOG_FILE", missing}});
+    const dwtest::ChildRun child =
+        dwtest::runChild("LogToShm.StarLevelsAndStandardErrorWithoutAUsableLogFile",
+                         {{kRoleVariable, L"child"}, {L"TOLVA_LOG_LEVELS", L"*=8, ch.a=4,ch.a.b=6,*=x"},
+                          {L"TOLVA_LOG_FILE", missing}});
     EXPECT_EQ(0u, child.exitCode) << child.out << child.err;
     EXPECT_NE(std::string::npos, child.out.find("[  PASSED  ] 1 test")) << child.out;
     const std::vector<std::string> lines = splitLines(child.err);

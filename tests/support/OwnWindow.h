@@ -1,0 +1,30 @@
+// Real windows of the test process, for tests whose driver reads or drives a
+// window of its own.
+#pragma once
+
+#include <windows.h>
+
+namespace dwtest {
+
+// A top-level window of the calling thread, destroyed with the object.
+struct OwnWindow {
+    OwnWindow(const wchar_t* className, const wchar_t* title, DWORD style = WS_OVERLAPPEDWINDOW,
+              RECT r = {0, 0, 200, 100})
+        : hwnd(CreateWindowExW(0, className, title, style, r.left, r.top, r.right - r.left, r.bottom - r.top,
+                               nullptr, nullptr, GetModuleHandleW(nullptr), nullptr)) {}
+    ~OwnWindow() { DestroyWindow(hwnd); }
+    OwnWindow(const OwnWindow&) = delete;
+    OwnWindow& operator=(const OwnWindow&) = delete;
+    HWND hwnd;
+};
+
+// Registers a window class of this module with that procedure.
+inline void registerClass(const wchar_t* name, WNDPROC procedure) {
+    WNDCLASSW windowClass = {};
+    windowClass.lpfnWndProc = procedure;
+    windowClass.hInstance = GetModuleHandleW(nullptr);
+    windowClass.lpszClassName = name;
+    RegisterClassW(&windowClass);
+}
+
+}  // namespace dwtest
