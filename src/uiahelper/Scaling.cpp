@@ -9,11 +9,6 @@ namespace {
 tolva::Logger& logger = tolva::Log::getLogger("tolva.uia.UiaHelper");
 double scalingCache = 0.0;
 
-// Half away from zero; a zero value stays 0.
-int RoundHalfAway(double value) {
-    return static_cast<int>(value > 0 ? value + 0.5 : value < 0 ? value - 0.5 : 0.0);
-}
-
 }  // namespace
 
 double GetScalingFactor() {

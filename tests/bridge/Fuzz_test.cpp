@@ -8,6 +8,7 @@
 #include "DriverTest.h"
 
 #include "FakeUiaPatterns.h"
+#include "ImportPatch.h"
 
 #include <climits>
 #include <cmath>
@@ -29,6 +30,18 @@ std::uint64_t environmentNumber(const char* name, std::uint64_t fallback) {
     return text && *text ? std::strtoull(text, nullptr, 0) : fallback;
 }
 
+// The fuzz asks for the driver's answers, not for real input: on the test's
+// thread the input calls of the driver go nowhere and its sleeps (the glide
+// of the pointer waits between its way points) return at once. Other threads
+// of the driver sleep as they should.
+DWORD fuzzThread = 0;
+decltype(&Sleep) realSleep = nullptr;
+void WINAPI fuzzSleep(DWORD ms) {
+    if (GetCurrentThreadId() != fuzzThread) realSleep(ms);
+}
+void WINAPI noMouseEvent(DWORD, DWORD, DWORD, DWORD, ULONG_PTR) {}
+void WINAPI noKeyEvent(BYTE, BYTE, DWORD, ULONG_PTR) {}
+
 // What a call may answer: InvalidHandleException for a handle that doesn't
 // name a living control (and no other exception at all); a non-null result.
 const int HANDLE = 1;
@@ -45,6 +58,14 @@ protected:
         seed = environmentNumber("DESKWRIGHT_FUZZ_SEED", 20261123);
         rng.seed(seed);
         makeTarget();
+        fuzzThread = GetCurrentThreadId();
+        realSleep = &Sleep;
+        sleepPatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "Sleep", reinterpret_cast<void*>(&fuzzSleep));
+        mousePatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "mouse_event",
+                                                           reinterpret_cast<void*>(&noMouseEvent));
+        keyPatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "keybd_event",
+                                                         reinterpret_cast<void*>(&noKeyEvent));
+        ASSERT_TRUE(sleepPatch->applied() && mousePatch->applied() && keyPatch->applied());
         // Input simulation waits between steps; a fuzz run shouldn't.
         for (const wchar_t* key : {L"deskwright.delay.after.mousemoved", L"deskwright.delay.after.mousepressed",
                                    L"deskwright.delay.mouse.multiclick", L"deskwright.delay.after.keydown"}) {
@@ -56,6 +77,9 @@ protected:
         native<void>("EnableEventListeners", jint{0});
         native<void>("EnableRecordingMode", jboolean{JNI_FALSE}, jint{0});
         DestroyWindow(ownWindow);
+        keyPatch.reset();
+        mousePatch.reset();
+        sleepPatch.reset();
         DriverTest::TearDown();
     }
 
@@ -384,6 +408,7 @@ protected:
     }
 
     HWND ownWindow = nullptr;
+    std::unique_ptr<dwtest::ImportPatch> sleepPatch, mousePatch, keyPatch;
     std::uint64_t seed = 0;
     std::mt19937_64 rng;
     std::vector<jlong> pool;
