@@ -221,10 +221,10 @@ TEST_F(RealInput, TypedCharactersAndEditingKeysReachTheEdit) {
     mouse(edit, CLICK, LEFT, {5, 5});
     drain();
     for (wchar_t c : std::wstring(L"ab1Z")) key(c);
-    key(L'q', 0, SHIFT);         // the mask asks for Shift: "Q"
+    key(L'q', 0, SHIFT);  // the mask asks for Shift: "Q"
     key(0, VK_LEFT);
     key(0, VK_LEFT);
-    key(0, VK_DELETE);           // the caret stood before "Z"
+    key(0, VK_DELETE);  // the caret stood before "Z"
     const std::vector<std::string> lines = seen(edit);
     EXPECT_EQ("ab1Q", target.text(edit));
     std::vector<std::string> chars;

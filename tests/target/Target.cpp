@@ -87,7 +87,9 @@ std::string describe(UINT message, WPARAM wParam, LPARAM lParam) {
                       (lParam & (1 << 24)) ? " ext" : "");
     } else if (message == WM_CHAR || message == WM_SYSCHAR) {
         const wchar_t c = static_cast<wchar_t>(wParam);
-        const std::string shown = c > 0x20 && c != 0x7F ? utf8(&c, 1) : "U+" + std::to_string(static_cast<int>(c));
+        char code[8] = {};
+        std::snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(c));
+        const std::string shown = c > 0x20 && c != 0x7F ? utf8(&c, 1) : code;
         std::snprintf(line, sizeof line, "%s %s", message == WM_CHAR ? "WM_CHAR" : "WM_SYSCHAR", shown.c_str());
     }
     return line;
