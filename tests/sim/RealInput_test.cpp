@@ -22,12 +22,19 @@ namespace {
 
 const jint CLICK = 500, PRESS = 501, RELEASE = 502, MOVE = 503;
 const jint LEFT = 0, MIDDLE = 1, RIGHT = 2;
-const jint SHIFT = 1, ALT = 8;
-// How far a delay may be off its preference, and how late a loaded machine
-// may wake the sleeper at most.
-const double TOLERANCE_MS = 5.0, LATE_WAKE_MS = 30.0;
+const jint SHIFT = 1, CONTROL = 2, ALT = 8;
+// How far a delay may be off its preference.
+const double TOLERANCE_MS = 5.0;
 
-bool isShift(DWORD vk) { return vk == VK_SHIFT || vk == VK_LSHIFT || vk == VK_RSHIFT; }
+// The hook may name the side of a modifier key; the windows get it sideless.
+DWORD sideless(DWORD vk) {
+    switch (vk) {
+    case VK_LSHIFT: case VK_RSHIFT: return VK_SHIFT;
+    case VK_LCONTROL: case VK_RCONTROL: return VK_CONTROL;
+    case VK_LMENU: case VK_RMENU: return VK_MENU;
+    default: return vk;
+    }
+}
 
 std::string joined(const std::vector<std::string>& lines) {
     std::string text;
@@ -41,7 +48,7 @@ std::vector<std::string> keysAndButtons(const std::vector<InputEvent>& events) {
     for (const InputEvent& event : events) {
         if (event.isMove()) continue;
         InputEvent plain = event;
-        if (plain.isKey() && isShift(plain.vk)) plain.vk = VK_SHIFT;  // the hook may name the side
+        if (plain.isKey()) plain.vk = sideless(plain.vk);
         shown.push_back(plain.show());
     }
     return shown;
@@ -133,29 +140,40 @@ protected:
 
 }  // namespace
 
+// Each button's click at a point of the Button; the key of a modifier goes to
+// the Button too, which has the focus since the first click.
 TEST_F(RealInput, ClicksOfEachButtonArriveAtThePointAsked) {
     const struct {
         const char* name;
         jint which, modifiers;
-        std::string down, up, state;
+        std::string down, up, button, key;
     } rows[] = {
-        {"left", LEFT, 0, "WM_LBUTTONDOWN", "WM_LBUTTONUP", "MK_LBUTTON"},
-        {"right", RIGHT, 0, "WM_RBUTTONDOWN", "WM_RBUTTONUP", "MK_RBUTTON"},
-        {"middle with the Alt bit", MIDDLE, ALT, "WM_MBUTTONDOWN", "WM_MBUTTONUP", "MK_MBUTTON"},
+        {"left", LEFT, 0, "WM_LBUTTONDOWN", "WM_LBUTTONUP", "MK_LBUTTON", ""},
+        {"right", RIGHT, 0, "WM_RBUTTONDOWN", "WM_RBUTTONUP", "MK_RBUTTON", ""},
+        {"middle with the Alt bit", MIDDLE, ALT, "WM_MBUTTONDOWN", "WM_MBUTTONUP", "MK_MBUTTON", ""},
+        {"left with Control", LEFT, CONTROL, "WM_LBUTTONDOWN", "WM_LBUTTONUP", "MK_LBUTTON", "0x11"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         const POINT at{30, 15};
         const POINT screen = screenOf(button, at);
         mouse(button, CLICK, row.which, at, row.modifiers);
+        const std::string held = row.key.empty() ? "" : " MK_CONTROL";
+        const auto withKey = [&](std::vector<std::string> lines) {
+            if (row.key.empty()) return lines;
+            lines.insert(lines.begin(), "WM_KEYDOWN " + row.key);
+            lines.push_back("WM_KEYUP " + row.key);
+            return lines;
+        };
         const std::string point = " " + client(button, screen);
-        std::vector<std::string> expected = {row.down + point + " " + row.state, row.up + point};
+        std::vector<std::string> expected = {row.down + point + " " + row.button + (held.empty() ? "" : "|MK_CONTROL"),
+                                             row.up + point + held};
         if (row.which == LEFT) expected.push_back("BN_CLICKED");
-        EXPECT_EQ(joined(expected), joined(seen(button)));
+        EXPECT_EQ(joined(withKey(expected)), joined(seen(button)));
         const std::vector<InputEvent> events = recorder.events();
         const std::string hooked = " " + std::to_string(screen.x) + "," + std::to_string(screen.y);
-        EXPECT_EQ(joined({row.down + hooked, row.up + hooked}), joined(keysAndButtons(events)))
-            << "no key, no other button";
+        EXPECT_EQ(joined(withKey({row.down + hooked, row.up + hooked})), joined(keysAndButtons(events)))
+            << "no other key, no other button";
         for (const InputEvent& event : events) EXPECT_TRUE(event.injected()) << event.show();
         drain();
     }
@@ -354,11 +372,12 @@ TEST_F(RealInput, DelaysKeepTheirPreferences) {
                         gap.preference, errors == &gap.hooked ? "hook" : "time", errors->front(),
                         (*errors)[errors->size() / 2], errors->back(), errors->size());
             // A delay is never cut short, and its usual length is the
-            // preference's; a loaded machine wakes a sleeper late now and then.
+            // preference's; a loaded machine wakes a sleeper late now and
+            // then (by tens of milliseconds), so one gap in four may be late.
             const std::string name(gap.key, gap.key + wcslen(gap.key));
             EXPECT_GE(errors->front(), -TOLERANCE_MS) << name;
             EXPECT_NEAR(0.0, (*errors)[errors->size() / 2], TOLERANCE_MS) << name << ", the median";
-            EXPECT_LE(errors->back(), LATE_WAKE_MS) << name;
+            EXPECT_LE((*errors)[errors->size() - errors->size() / 4 - 1], TOLERANCE_MS) << name << ", three in four";
         }
     }
 }
