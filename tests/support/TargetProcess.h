@@ -7,6 +7,7 @@
 
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace dwtest {
 
@@ -37,7 +38,45 @@ public:
         return static_cast<HWND>(handle);
     }
 
+    // One line of what the serving target's windows received: the window and
+    // "WM_LBUTTONDOWN 30,15 MK_LBUTTON|MK_SHIFT", "WM_MOUSEMOVE 4,5",
+    // "WM_KEYDOWN 0x25 ext", "WM_SYSKEYUP 0x12", "WM_CHAR a", "BN_CLICKED".
+    struct Received {
+        HWND window;
+        std::string what;
+    };
+
+    // What arrived since the last call, in order; empty if the target
+    // doesn't serve or didn't answer.
+    std::vector<Received> received() {
+        std::vector<Received> lines;
+        if (!request("log\n")) return lines;
+        for (std::string line = readLine(); !line.empty() && line != "end"; line = readLine()) {
+            std::istringstream in(line);
+            void* window = nullptr;
+            in >> window;
+            std::string what;
+            std::getline(in >> std::ws, what);
+            lines.push_back({static_cast<HWND>(window), what});
+        }
+        return lines;
+    }
+
+    // The text of one of the target's windows as the target reads it (UTF-8).
+    std::string text(HWND window) {
+        std::ostringstream line;
+        line << "text " << static_cast<void*>(window) << '\n';
+        if (!request(line.str())) return std::string();
+        const std::string reply = readLine();
+        return reply.compare(0, 5, "text ") == 0 ? reply.substr(5) : std::string();
+    }
+
 private:
+    bool request(const std::string& line) {
+        DWORD written = 0;
+        return requests_ && WriteFile(requests_, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+    }
+
     void start(const std::wstring& args, bool serving) {
         SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
         HANDLE readEnd = nullptr;

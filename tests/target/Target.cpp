@@ -8,7 +8,14 @@
 // window handle in hex, 0 for a top-level window; text in UTF-8, to the end of
 // the line), makes a visible window of that class and answers "made <handle>"
 // (0 when it failed). It ends when its input closes or it is killed.
+//
+// A serving target also tells what its windows received, as a user's
+// application sees it: mouse buttons and moves (client point and key state),
+// key and character messages, the clicks of its buttons. "log" answers the
+// lines gathered since the last "log", each "<window> <what>", then "end";
+// "text <window>" answers "text <the window's text>".
 #include <windows.h>
+#include <windowsx.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -16,17 +23,116 @@
 #include <cwchar>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
 int openWindows = 0;
 const UINT WM_REQUEST = WM_APP + 1;  // a thread message: LPARAM is a new std::string line
+const wchar_t* const ORIGINAL_PROC = L"DeskwrightTargetProc";  // the window property of a subclassed window
+
+// What the windows received since the last "log"; only the main thread, which
+// owns every window, touches it.
+std::vector<std::string> received;
+bool serving = false;
+
+const char* mouseMessageName(UINT message) {
+    switch (message) {
+    case WM_MOUSEMOVE: return "WM_MOUSEMOVE";
+    case WM_LBUTTONDOWN: return "WM_LBUTTONDOWN";
+    case WM_LBUTTONUP: return "WM_LBUTTONUP";
+    case WM_LBUTTONDBLCLK: return "WM_LBUTTONDBLCLK";
+    case WM_RBUTTONDOWN: return "WM_RBUTTONDOWN";
+    case WM_RBUTTONUP: return "WM_RBUTTONUP";
+    case WM_RBUTTONDBLCLK: return "WM_RBUTTONDBLCLK";
+    case WM_MBUTTONDOWN: return "WM_MBUTTONDOWN";
+    case WM_MBUTTONUP: return "WM_MBUTTONUP";
+    case WM_MBUTTONDBLCLK: return "WM_MBUTTONDBLCLK";
+    default: return nullptr;
+    }
+}
+
+const char* keyMessageName(UINT message) {
+    switch (message) {
+    case WM_KEYDOWN: return "WM_KEYDOWN";
+    case WM_KEYUP: return "WM_KEYUP";
+    case WM_SYSKEYDOWN: return "WM_SYSKEYDOWN";
+    case WM_SYSKEYUP: return "WM_SYSKEYUP";
+    default: return nullptr;
+    }
+}
+
+std::string utf8(const wchar_t* text, int length) {
+    if (length <= 0) return std::string();
+    const int n = WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr);
+    std::string out(static_cast<size_t>(n > 0 ? n : 0), '\0');
+    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text, length, &out[0], n, nullptr, nullptr);
+    return out;
+}
+
+// "WM_LBUTTONDOWN 30,15 MK_LBUTTON|MK_SHIFT", "WM_KEYDOWN 0x25 ext",
+// "WM_CHAR a", "BN_CLICKED" (on the button's line); nothing for the rest.
+std::string describe(UINT message, WPARAM wParam, LPARAM lParam) {
+    char line[128] = {};
+    if (const char* name = mouseMessageName(message)) {
+        std::string keys;
+        const struct { WPARAM bit; const char* name; } flags[] = {{MK_LBUTTON, "MK_LBUTTON"}, {MK_RBUTTON, "MK_RBUTTON"},
+            {MK_MBUTTON, "MK_MBUTTON"}, {MK_SHIFT, "MK_SHIFT"}, {MK_CONTROL, "MK_CONTROL"}};
+        for (const auto& flag : flags) {
+            if (wParam & flag.bit) keys += (keys.empty() ? " " : "|") + std::string(flag.name);
+        }
+        std::snprintf(line, sizeof line, "%s %d,%d%s", name, GET_X_LPARAM(lParam), GET_Y_LPARAM(lParam), keys.c_str());
+    } else if (const char* name = keyMessageName(message)) {
+        std::snprintf(line, sizeof line, "%s 0x%02X%s", name, static_cast<unsigned>(wParam),
+                      (lParam & (1 << 24)) ? " ext" : "");
+    } else if (message == WM_CHAR || message == WM_SYSCHAR) {
+        const wchar_t c = static_cast<wchar_t>(wParam);
+        char code[8] = {};
+        std::snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(c));
+        const std::string shown = c > 0x20 && c != 0x7F ? utf8(&c, 1) : code;
+        std::snprintf(line, sizeof line, "%s %s", message == WM_CHAR ? "WM_CHAR" : "WM_SYSCHAR", shown.c_str());
+    }
+    return line;
+}
+
+void note(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    if (!serving) return;
+    std::string what = describe(message, wParam, lParam);
+    if (message == WM_COMMAND && HIWORD(wParam) == BN_CLICKED && lParam) {
+        hwnd = reinterpret_cast<HWND>(lParam);
+        what = "BN_CLICKED";
+    }
+    if (what.empty()) return;
+    char window[32] = {};
+    std::snprintf(window, sizeof window, "%p ", static_cast<void*>(hwnd));
+    received.push_back(window + what);
+}
 
 LRESULT CALLBACK TargetProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    note(hwnd, message, wParam, lParam);
     if (message == WM_DESTROY && --openWindows == 0) {
         PostQuitMessage(0);
     }
     return DefWindowProcW(hwnd, message, wParam, lParam);
+}
+
+// The procedure of a window of a system class (Button, Edit, ...): notes what
+// arrives, then hands it on.
+LRESULT CALLBACK ObservedProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    note(hwnd, message, wParam, lParam);
+    const WNDPROC original = reinterpret_cast<WNDPROC>(GetPropW(hwnd, ORIGINAL_PROC));
+    if (message == WM_NCDESTROY) {
+        RemovePropW(hwnd, ORIGINAL_PROC);
+        SetWindowLongPtrW(hwnd, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(original));
+    }
+    return original ? CallWindowProcW(original, hwnd, message, wParam, lParam)
+                    : DefWindowProcW(hwnd, message, wParam, lParam);
+}
+
+void observe(HWND window) {
+    if (reinterpret_cast<WNDPROC>(GetWindowLongPtrW(window, GWLP_WNDPROC)) == TargetProc) return;
+    SetPropW(window, ORIGINAL_PROC, reinterpret_cast<HANDLE>(GetWindowLongPtrW(window, GWLP_WNDPROC)));
+    SetWindowLongPtrW(window, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(ObservedProc));
 }
 
 std::wstring wide(const std::string& text) {
@@ -49,21 +155,42 @@ DWORD WINAPI ReadRequests(void* mainThread) {
     return 0;
 }
 
+void Report() {
+    for (const std::string& line : received) std::printf("%s\n", line.c_str());
+    received.clear();
+    std::printf("end\n");
+    std::fflush(stdout);
+}
+
+void ReportText(std::istringstream& in) {
+    void* window = nullptr;
+    in >> window;
+    wchar_t text[4096] = {};
+    const int length = in ? GetWindowTextW(static_cast<HWND>(window), text, 4096) : 0;
+    std::printf("text %s\n", utf8(text, length).c_str());
+    std::fflush(stdout);
+}
+
 void Serve(const std::string& request) {
     std::istringstream in(request);
     std::string verb;
+    in >> verb;
+    if (verb == "log") return Report();
+    if (verb == "text") return ReportText(in);
     void* parent = nullptr;
     int x = 0, y = 0, width = 0, height = 0;
     std::string className;
-    in >> verb >> parent >> x >> y >> width >> height >> className;
-    std::string text;
+    in >> parent >> x >> y >> width >> height >> className;
+    const bool whole = !in.fail();
+    std::string text;  // may be empty
     std::getline(in >> std::ws, text);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     HWND made = nullptr;
-    if (verb == "make" && in) {
+    if (verb == "make" && whole) {
         const DWORD style = WS_VISIBLE | (parent ? WS_CHILD : WS_OVERLAPPEDWINDOW);
         made = CreateWindowExW(0, wide(className).c_str(), wide(text).c_str(), style, x, y, width, height,
                                static_cast<HWND>(parent), nullptr, GetModuleHandleW(nullptr), nullptr);
+        if (made) observe(made);
     }
     std::printf("made %p\n", static_cast<void*>(made));
     std::fflush(stdout);
@@ -81,6 +208,7 @@ int wmain(int argc, wchar_t** argv) {
     std::printf("pid %lu\n", GetCurrentProcessId());
     MSG msg;
     if (argc > 1 && std::wcscmp(argv[1], L"--serve") == 0) {
+        serving = true;
         PeekMessageW(&msg, nullptr, 0, 0, PM_NOREMOVE);  // the queue exists before requests come
         void* self = reinterpret_cast<void*>(static_cast<std::uintptr_t>(GetCurrentThreadId()));
         CloseHandle(CreateThread(nullptr, 0, ReadRequests, self, 0, nullptr));
