@@ -65,14 +65,17 @@ public:
         : pid_(pid), keys_(keys), findings_(findings), removals_(removals), round_(round) {}
     std::int32_t operator()() override {
         UiaHelper::ElementList tops = UiaHelper::GetToplevelsForPid(pid_);
-        std::vector<tolva::UiaControl*> made;
+        // Held while checked: a control that a Java thread removes meanwhile
+        // must not be freed and its memory given to another control.
+        std::vector<tolva::ControlRef> made;
         for (const UiaHelper::ElementPtr& top : tops) {
             UiaHelper::ElementList children = UiaHelper::GetChildren(top.get());
             for (const UiaHelper::ElementPtr& entry : children) {
                 IUIAutomationElement* child = entry.get();
-                tolva::UiaControl* control = tolva::UiaControl::getControl(child, std::wstring(), nullptr);
-                if (!control) continue;
-                made.push_back(control);
+                tolva::ControlRef held = tolva::UiaControl::getControlInUse(child, std::wstring(), nullptr);
+                if (!held) continue;
+                const tolva::UiaControl* control = held.get();
+                made.push_back(std::move(held));
                 const std::wstring name = UiaHelper::GetControlName(child);
                 const std::wstring key = tolva::UiaControl::keyOf(control);
                 auto expected = keys_->find(name);
@@ -84,7 +87,7 @@ public:
         }
         if (!made.empty() && round_ % 4 == 0) {
             ++*removals_;  // before and after: a reader sees any removal that overlaps its reads
-            tolva::UiaControl::remove(reinterpret_cast<std::intptr_t>(made[static_cast<size_t>(round_) % made.size()]));
+            tolva::UiaControl::remove(made[static_cast<size_t>(round_) % made.size()]->handle());
             ++*removals_;
         }
         return 0;
