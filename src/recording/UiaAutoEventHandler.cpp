@@ -8,8 +8,7 @@ namespace {
 
 Logger& logger = Log::getLogger("tolva.uia.UiaAutoEvents");
 
-std::int32_t mode = 0x1F;
-std::int32_t targetPid = 0;
+std::atomic<std::int32_t> mode{0x1F};
 
 }  // namespace
 
@@ -19,13 +18,13 @@ std::int32_t UiaAutoEventHandler::listenersMode() {
 
 std::int32_t UiaAutoEventHandler::setListenersMode(std::int32_t newMode) {
     TOLVA_LOG(logger, 7, "mode: 0x" << std::hex << newMode);
+    TOLVA_LOG(logger, 9, "prev mode: 0x" << std::hex << mode.load());
     mode = newMode;
-    return mode;
+    return newMode;
 }
 
-// The automation handlers, window event hooks and input hooks are not part of
-// this build yet: installing records the target and reports that nothing
-// listens.
+// The automation handlers are not part of this build yet: installing records
+// the target and reports that nothing listens.
 bool UiaAutoEventHandler::InstallAutoEventHandlers(std::int32_t pid, std::int32_t installMode) {
     targetPid = pid;
     TOLVA_LOG(logger, 3, "Not yet implemented: pid " << pid << ", mode: 0x" << std::hex << installMode);
@@ -34,20 +33,6 @@ bool UiaAutoEventHandler::InstallAutoEventHandlers(std::int32_t pid, std::int32_
 
 void UiaAutoEventHandler::UninstallAutoEventHandlers() {
     TOLVA_LOG(logger, 7, "");
-}
-
-bool UiaAutoEventHandler::InstallHooks(std::int32_t pid) {
-    targetPid = pid;
-    TOLVA_LOG(logger, 3, "Not yet implemented: pid " << pid);
-    return false;
-}
-
-void UiaAutoEventHandler::UninstallHooks() {
-    TOLVA_LOG(logger, 7, "");
-}
-
-bool UiaAutoEventHandler::hooksInstalled() {
-    return false;
 }
 
 }  // namespace tolva
