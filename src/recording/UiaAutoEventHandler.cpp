@@ -1,6 +1,7 @@
 #include "recording/UiaAutoEventHandler.h"
 
 #include "common/Logging.h"
+#include "element/UiaControl.h"
 
 namespace tolva {
 
@@ -23,16 +24,42 @@ std::int32_t UiaAutoEventHandler::setListenersMode(std::int32_t newMode) {
     return newMode;
 }
 
-// The automation handlers are not part of this build yet: installing records
-// the target and reports that nothing listens.
+// The automation handlers are not part of this build yet: only the system
+// window events are installed.
 bool UiaAutoEventHandler::InstallAutoEventHandlers(std::int32_t pid, std::int32_t installMode) {
+    TOLVA_LOG(logger, 7, "pid: " << pid << ", mode: 0x" << std::hex << installMode);
     targetPid = pid;
-    TOLVA_LOG(logger, 3, "Not yet implemented: pid " << pid << ", mode: 0x" << std::hex << installMode);
-    return false;
+    const Array<std::intptr_t> toplevels = UiaControl::getToplevels(pid, viaHwnd, L"");
+    hasToplevels = toplevels.size() > 0;
+    if (!hasToplevels) {
+        TOLVA_LOG(logger, 5, "No toplevels");
+        return false;
+    }
+    winEventsOnThread = (installMode & LISTEN_WINEVENTS_ON_THREAD) != 0;
+    if (!winEventsOnThread) {
+        HookWinEvents(installMode);
+    } else {
+        winEventMode = installMode;
+        DWORD threadId = 0;
+        HANDLE thread = CreateThread(nullptr, 0x10000, WinEventThreadProc, nullptr, 0, &threadId);
+        if (thread) {
+            winEventThreadId = threadId;
+            CloseHandle(thread);
+        } else {
+            TOLVA_LOG(logger, 1, "No thread for window events: " << GetLastError());
+        }
+    }
+    return true;
 }
 
 void UiaAutoEventHandler::UninstallAutoEventHandlers() {
     TOLVA_LOG(logger, 7, "");
+    if (!winEventsOnThread) {
+        UnhookWinEvents();
+    } else {
+        PostThreadMessageW(winEventThreadId, WM_QUIT, 0, 0);
+        Sleep(100);
+    }
 }
 
 }  // namespace tolva

@@ -79,8 +79,11 @@ public:
     static inline std::atomic<std::int32_t> targetPid{0};
     // The target had top-level windows at the last installation.
     static inline std::atomic<bool> hasToplevels{true};
-    // System window events are hooked on a thread of their own.
+    // System window events are hooked on a thread of their own, which reads
+    // its mode from winEventMode.
     static inline std::atomic<bool> winEventsOnThread{false};
+    static inline std::atomic<std::int32_t> winEventMode{0};
+    static inline std::atomic<DWORD> winEventThreadId{0};
     // Set by the automation back end: recording mode is on (the input hooks
     // then also report elements of the target's child processes, when the
     // preference allows), and top-level windows are found through window

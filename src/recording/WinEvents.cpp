@@ -19,4 +19,17 @@ void UiaAutoEventHandler::UnhookWinEvents() {
     TOLVA_LOG(logger, 7, "");
 }
 
+DWORD WINAPI UiaAutoEventHandler::WinEventThreadProc(void*) {
+    HookWinEvents(winEventMode);
+    MSG message;
+    while (GetMessageW(&message, nullptr, 0, 0) > 0) {
+        TranslateMessage(&message);
+        DispatchMessageW(&message);
+    }
+    UnhookWinEvents();
+    return 0;
+}
+
+void CALLBACK UiaAutoEventHandler::HandleWinEvent(HWINEVENTHOOK, DWORD, HWND, LONG, LONG, DWORD, DWORD) {}
+
 }  // namespace tolva
