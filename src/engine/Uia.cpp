@@ -156,6 +156,7 @@ HRESULT Uia::createAutomationObject() {
     if (readEnvironment(L"CUEBENCH_WIN_VIA_HWND", viaHwndValue)) {
         viaHwnd = viaHwndValue == L"true";
     }
+    UiaAutoEventHandler::viaHwnd = viaHwnd;
     TOLVA_LOG(logger, 5, "via hwnd: " << viaHwnd);
 
     bool created = false;

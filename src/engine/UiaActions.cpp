@@ -13,6 +13,7 @@
 #include "overlay/Highlighter.h"
 #include "overlay/ProcessOverlay.h"
 #include "overlay/UiaChecker.h"
+#include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/Input.h"
 #include "uiahelper/UiaHelper.h"
 
@@ -116,6 +117,7 @@ void Uia::enableRecordingMode(bool enable, std::int32_t mode) {
     if (enable && overlayThreadId == 0) {
         if (startOverlayThread(static_cast<DWORD>(pid))) {
             recording = true;
+            UiaAutoEventHandler::recording = true;
         }
         return;
     }
@@ -123,6 +125,7 @@ void Uia::enableRecordingMode(bool enable, std::int32_t mode) {
     if (overlayThreadId != 0) {
         stopOverlayThread();
         recording = false;
+        UiaAutoEventHandler::recording = false;
     }
 }
 
