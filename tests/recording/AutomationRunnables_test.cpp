@@ -145,4 +145,19 @@ TEST_F(AutomationRunnables, HandlersTakenDownTwiceComeUpAgain) {
     EXPECT_EQ(1, platform.raiseAutomationEvent(UIA_Invoke_InvokedEventId, *button));
 }
 
+// A registration that fails makes the result false and stops none of the
+// others; a target without a window has only the desktop's handler.
+TEST_F(AutomationRunnables, FailedRegistrationsAndMissingWindowsMakeTheResultFalse) {
+    const int pid = static_cast<int>(GetCurrentProcessId());
+    platform.fail("AddStructureChangedEventHandler", E_FAIL);
+    EXPECT_FALSE(UiaAutoEventHandler::InstallAutoEventHandlers(pid, 0x00E));
+    EXPECT_EQ(1u + 11u, platform.eventHandlers().size()) << "the others stopped";
+    platform.clearFailure("AddStructureChangedEventHandler");
+    UiaAutoEventHandler::UninstallAutoEventHandlers();
+    window->remove();
+    EXPECT_FALSE(UiaAutoEventHandler::InstallAutoEventHandlers(pid, 0x00E));
+    ASSERT_EQ(1u, platform.eventHandlers().size());
+    EXPECT_EQ(&platform.desktop(), platform.eventHandlers()[0].node);
+}
+
 }  // namespace
