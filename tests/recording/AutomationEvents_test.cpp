@@ -248,6 +248,9 @@ TEST_F(AutomationEvents, EveryKindReachesJavaWithItsCodeParameterTextAndHandle) 
     EXPECT_EQ(1, platform->raiseStructureChangedEvent(*ok, StructureChangeType_ChildRemoved, {}));
     EXPECT_EQ(1, platform->raiseStructureChangedEvent(*ok, StructureChangeType_ChildAdded, {}));
     settle();
+    ok->fail("GetParentElement", E_FAIL);
+    EXPECT_EQ(1, platform->raiseStructureChangedEvent(*ok, StructureChangeType_ChildAdded, {}));
+    settle();
     const std::int64_t after = nowMillis();
 
     const jlong button = handleOf(*ok);
@@ -259,6 +262,7 @@ TEST_F(AutomationEvents, EveryKindReachesJavaWithItsCodeParameterTextAndHandle) 
         {button, 4096, UIA_SelectionItemIsSelectedPropertyId, L""},  // neither text nor number
         {button, 4097, StructureChangeType_ChildRemoved, L""},       // no parent looked up
         {button, 4097, StructureChangeType_ChildAdded, parentText(*main)},
+        {button, 4097, StructureChangeType_ChildAdded, L"p=0"},  // no parent to be had
     };
     EXPECT_EQ(expected, seen());
 
