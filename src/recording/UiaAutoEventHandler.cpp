@@ -20,7 +20,8 @@ Logger& logger = Log::getLogger("tolva.uia.UiaAutoEvents");
 
 std::atomic<std::int32_t> mode{0x1F};
 
-// Written by the platform's threads, several at once.
+// lastWindowRid: the runtime id of the window last reported as opened,
+// written by the platform's threads, several at once.
 std::mutex windowRidLock;
 std::wstring windowRid;
 
@@ -305,11 +306,6 @@ HRESULT STDMETHODCALLTYPE UiaAutoEventHandler::HandleStructureChangedEvent(IUIAu
         TOLVA_LOG(logger, 1, "Event lost: " << changeType);
     }
     return S_OK;
-}
-
-std::wstring UiaAutoEventHandler::lastWindowRid() {
-    std::lock_guard<std::mutex> guard(windowRidLock);
-    return windowRid;
 }
 
 bool UiaAutoEventHandler::exchangeLastWindowRid(const std::wstring& rid) {

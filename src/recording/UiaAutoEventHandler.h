@@ -96,8 +96,7 @@ public:
     // registered now (dispatch thread only), and the runtime id of the window
     // last reported as opened, which the platform's threads compare and set.
     static inline UiaAutoEventHandler* eventHandler = nullptr;
-    static std::wstring lastWindowRid();
-    // Stores the id; false if it was the one stored already.
+    // Stores the id as lastWindowRid; false if it was the one stored already.
     static bool exchangeLastWindowRid(const std::wstring& rid);
 
 private:
