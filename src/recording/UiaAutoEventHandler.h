@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 namespace tolva {
 
@@ -31,9 +32,9 @@ std::int64_t recordingClock();
 // How far apart two events of one thing must be not to count as a repeat.
 constexpr std::int64_t REPEAT_TICKS = 200;
 
-class UiaAutoEventHandler : public IUIAutomationEventHandler,
-                            public IUIAutomationPropertyChangedEventHandler,
-                            public IUIAutomationStructureChangedEventHandler {
+class UiaAutoEventHandler final : public IUIAutomationEventHandler,
+                                  public IUIAutomationPropertyChangedEventHandler,
+                                  public IUIAutomationStructureChangedEventHandler {
 public:
     UiaAutoEventHandler();
 
@@ -90,6 +91,13 @@ public:
     // handles.
     static inline std::atomic<bool> recording{false};
     static inline std::atomic<bool> viaHwnd{false};
+
+    // The automation handlers' part: the handler object that stands
+    // registered now (dispatch thread only), and the runtime id of the window
+    // last reported as opened, which the platform's threads compare and set.
+    static inline UiaAutoEventHandler* eventHandler = nullptr;
+    // Stores the id as lastWindowRid; false if it was the one stored already.
+    static bool exchangeLastWindowRid(const std::wstring& rid);
 
 private:
     ~UiaAutoEventHandler();

@@ -382,9 +382,12 @@ void Node::detachPattern(PATTERNID pattern) {
 
 // --- Platform -----------------------------------------------------------------------
 
-Platform::Platform() : state_(std::make_shared<detail::State>()) {}
+Platform::Platform() : state_(std::make_shared<detail::State>()), events_(std::make_unique<detail::EventThreads>()) {}
 
-Platform::~Platform() { uninstall(); }
+Platform::~Platform() {
+    events_.reset();  // delivers what was raised, then ends the delivery threads
+    uninstall();
+}
 
 HRESULT Platform::install() {
     const CLSID* clsids[2] = {&CLSID_CUIAutomation, &CLSID_CUIAutomation8};

@@ -60,6 +60,11 @@
 //   attached to the node.
 // - Get/Property/PatternProgrammaticName: the identifier's name without "UIA_"
 //   and "PropertyId" ("Name") or "Id" ("InvokePattern").
+// - Events raised by the test (Platform::raise...) are delivered as the
+//   platform delivers them: on threads of the simulation's own (in the MTA),
+//   never on the raising thread. Each raising thread has a delivery thread of
+//   its own, so the events of one raising thread arrive in the order raised;
+//   waitForEvents() waits until every event raised so far was delivered.
 // - Event handlers are recorded and AddRef'd; Remove... releases them;
 //   RemoveAllEventHandlers removes those added through that automation
 //   object. Removing a handler that is not registered answers S_OK and is
@@ -83,6 +88,7 @@ namespace detail {
 struct State;
 struct NodeData;
 struct Access;
+class EventThreads;
 }  // namespace detail
 
 // HRESULT of every read on an element whose node has left the tree.
@@ -264,6 +270,7 @@ struct EventHandlerRecord {
     IUnknown* handler = nullptr;     // identity (IUnknown) of the handler; held by the platform
     DWORD threadId = 0;              // thread that registered it
     int automation = 0;              // serial of the automation object it was added through
+    int serial = 0;                  // 1 for the first registration of the platform, and so on
 };
 
 class Platform {
@@ -322,18 +329,24 @@ public:
     // --- events ----------------------------------------------------------
     std::vector<EventHandlerRecord> eventHandlers() const;
     int unmatchedHandlerRemovals() const;  // Remove...EventHandler that found nothing
-    // Calls the handlers registered for the node (by scope), on this thread,
-    // without the lock; returns how many were called.
+    // Hands the event to the handlers registered for the node (by scope) at
+    // the time of the call, each with a new sender element; returns how many
+    // it reaches. The handlers are called later, on the delivery thread of
+    // the calling thread, without the lock.
     int raiseAutomationEvent(EVENTID eventId, Node& node);
     int raisePropertyChangedEvent(Node& node, PROPERTYID property, const VARIANT& newValue);
     int raiseStructureChangedEvent(Node& node, StructureChangeType change, const std::vector<int>& runtimeId);
     int raiseFocusChangedEvent(Node& node);
+    // Waits until every event raised so far has been delivered (its handler
+    // returned); false on time-out.
+    bool waitForEvents(unsigned timeoutMs);
     // Drops (and releases) every registered handler. Not done by the
     // destructor: the handlers' code may be unloaded by then.
     void releaseEventHandlers();
 
 private:
     std::shared_ptr<detail::State> state_;
+    std::unique_ptr<detail::EventThreads> events_;
 };
 
 }  // namespace fakeuia

@@ -1,12 +1,15 @@
 // Event handler registrations and raising events to them.
 //
 // Registered handlers are AddRef'd, as the platform does, and released when
-// removed. Events are raised by the test (Platform::raise...), on the test's
-// thread, which therefore has to be in the MTA as the platform's event threads
-// are; the lock is never held while a handler runs or is released.
+// removed. Events raised by the test (Platform::raise...) find their handlers
+// at once and are delivered on the simulation's own threads (in the MTA, as
+// the platform's event threads are), one for each raising thread; a delivery
+// keeps its handler until it has run. The lock is never held while a handler
+// runs or is released.
 #include "FakeUiaInternal.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace fakeuia {
 namespace detail {
@@ -64,6 +67,7 @@ HRESULT registerHandler(State& state, EventHandlerRecord record, IUnknown* handl
     handler->AddRef();
     entry->held = handler;
     std::lock_guard<std::mutex> lock(state.mu);
+    entry->record.serial = state.nextHandlerSerial++;
     state.handlers.push_back(std::move(entry));
     return S_OK;
 }
@@ -103,6 +107,51 @@ void unregisterAll(State& state, int automation) {
     state.handlers.erase(keep, state.handlers.end());
 }
 
+EventThreads::~EventThreads() {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    for (auto& worker : workers_) worker.second->thread.join();
+}
+
+void EventThreads::deliver(std::function<void()> delivery) {
+    std::lock_guard<std::mutex> lock(mu_);
+    std::unique_ptr<Worker>& worker = workers_[GetCurrentThreadId()];
+    if (!worker) {
+        worker = std::make_unique<Worker>();
+        Worker* own = worker.get();
+        worker->thread = std::thread([this, own] { run(*own); });
+    }
+    worker->deliveries.push_back(std::move(delivery));
+    ++pending_;
+    wake_.notify_all();
+}
+
+bool EventThreads::waitIdle(unsigned timeoutMs) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return pending_ == 0; });
+}
+
+void EventThreads::run(Worker& worker) {
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+        wake_.wait(lock, [&] { return stopping_ || !worker.deliveries.empty(); });
+        if (worker.deliveries.empty()) break;  // stopping, and all delivered
+        std::function<void()> delivery = std::move(worker.deliveries.front());
+        worker.deliveries.pop_front();
+        lock.unlock();
+        delivery();
+        delivery = nullptr;  // what it holds goes before it counts as delivered
+        lock.lock();
+        if (--pending_ == 0) idle_.notify_all();
+    }
+    lock.unlock();
+    CoUninitialize();
+}
+
 }  // namespace detail
 
 using detail::D;
@@ -127,16 +176,32 @@ void Platform::releaseEventHandlers() {
     removed.swap(state_->handlers);
 }
 
+namespace {
+
+// Each reached handler gets the event with a sender of its own, made now;
+// the delivery holds the handler and the sender until it has run.
+template <class Call>
+int deliverTo(detail::State& state, detail::EventThreads& threads, Node& node, std::vector<HandlerPtr> targets,
+              Call call) {
+    for (HandlerPtr& h : targets) {
+        IUIAutomationElement* sender = detail::newElement(state, &node);
+        threads.deliver([h = std::move(h), sender, call]() {
+            call(h->held, sender);
+            sender->Release();
+        });
+    }
+    return static_cast<int>(targets.size());
+}
+
+}  // namespace
+
 int Platform::raiseAutomationEvent(EVENTID eventId, Node& node) {
     auto targets = detail::reachedBy(*state_, &node, [&](const EventHandlerRecord& r) {
         return r.kind == Kind::Automation && r.eventId == eventId;
     });
-    for (const HandlerPtr& h : targets) {
-        IUIAutomationElement* sender = detail::newElement(*state_, &node);
-        static_cast<IUIAutomationEventHandler*>(h->held)->HandleAutomationEvent(sender, eventId);
-        sender->Release();
-    }
-    return static_cast<int>(targets.size());
+    return deliverTo(*state_, *events_, node, std::move(targets), [eventId](IUnknown* held, IUIAutomationElement* sender) {
+        static_cast<IUIAutomationEventHandler*>(held)->HandleAutomationEvent(sender, eventId);
+    });
 }
 
 int Platform::raisePropertyChangedEvent(Node& node, PROPERTYID property, const VARIANT& newValue) {
@@ -144,38 +209,43 @@ int Platform::raisePropertyChangedEvent(Node& node, PROPERTYID property, const V
         return r.kind == Kind::PropertyChanged &&
                std::find(r.properties.begin(), r.properties.end(), property) != r.properties.end();
     });
-    for (const HandlerPtr& h : targets) {
-        IUIAutomationElement* sender = detail::newElement(*state_, &node);
-        static_cast<IUIAutomationPropertyChangedEventHandler*>(h->held)
-            ->HandlePropertyChangedEvent(sender, property, newValue);
-        sender->Release();
-    }
-    return static_cast<int>(targets.size());
+    // The deliveries share a copy of the value, cleared after the last.
+    struct OwnedValue {
+        explicit OwnedValue(const VARIANT& from) {
+            VariantInit(&value);
+            VariantCopy(&value, const_cast<VARIANT*>(&from));
+        }
+        ~OwnedValue() { VariantClear(&value); }
+        VARIANT value;
+    };
+    auto owned = std::make_shared<OwnedValue>(newValue);
+    return deliverTo(*state_, *events_, node, std::move(targets),
+                     [property, owned](IUnknown* held, IUIAutomationElement* sender) {
+                         static_cast<IUIAutomationPropertyChangedEventHandler*>(held)
+                             ->HandlePropertyChangedEvent(sender, property, owned->value);
+                     });
 }
 
 int Platform::raiseStructureChangedEvent(Node& node, StructureChangeType change, const std::vector<int>& runtimeId) {
     auto targets = detail::reachedBy(*state_, &node,
                                      [&](const EventHandlerRecord& r) { return r.kind == Kind::StructureChanged; });
-    for (const HandlerPtr& h : targets) {
-        IUIAutomationElement* sender = detail::newElement(*state_, &node);
-        SAFEARRAY* id = detail::intSafeArray(runtimeId);
-        static_cast<IUIAutomationStructureChangedEventHandler*>(h->held)
-            ->HandleStructureChangedEvent(sender, change, id);
-        if (id) SafeArrayDestroy(id);
-        sender->Release();
-    }
-    return static_cast<int>(targets.size());
+    return deliverTo(*state_, *events_, node, std::move(targets),
+                     [change, runtimeId](IUnknown* held, IUIAutomationElement* sender) {
+                         SAFEARRAY* id = detail::intSafeArray(runtimeId);
+                         static_cast<IUIAutomationStructureChangedEventHandler*>(held)
+                             ->HandleStructureChangedEvent(sender, change, id);
+                         if (id) SafeArrayDestroy(id);
+                     });
 }
 
 int Platform::raiseFocusChangedEvent(Node& node) {
     auto targets = detail::reachedBy(*state_, &node,
                                      [&](const EventHandlerRecord& r) { return r.kind == Kind::FocusChanged; });
-    for (const HandlerPtr& h : targets) {
-        IUIAutomationElement* sender = detail::newElement(*state_, &node);
-        static_cast<IUIAutomationFocusChangedEventHandler*>(h->held)->HandleFocusChangedEvent(sender);
-        sender->Release();
-    }
-    return static_cast<int>(targets.size());
+    return deliverTo(*state_, *events_, node, std::move(targets), [](IUnknown* held, IUIAutomationElement* sender) {
+        static_cast<IUIAutomationFocusChangedEventHandler*>(held)->HandleFocusChangedEvent(sender);
+    });
 }
+
+bool Platform::waitForEvents(unsigned timeoutMs) { return events_->waitIdle(timeoutMs); }
 
 }  // namespace fakeuia

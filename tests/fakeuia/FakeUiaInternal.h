@@ -4,12 +4,15 @@
 #include "FakeUia.h"
 
 #include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -110,6 +113,35 @@ struct HandlerEntry {
 };
 using HandlerPtr = std::shared_ptr<HandlerEntry>;
 
+// The threads that deliver raised events: one for each raising thread, each
+// running its deliveries in the order given. The destructor delivers what is
+// left and ends them.
+class EventThreads {
+public:
+    EventThreads() = default;
+    ~EventThreads();
+    EventThreads(const EventThreads&) = delete;
+    EventThreads& operator=(const EventThreads&) = delete;
+
+    // Queues the delivery on the calling thread's delivery thread.
+    void deliver(std::function<void()> delivery);
+    bool waitIdle(unsigned timeoutMs);
+
+private:
+    struct Worker {
+        std::deque<std::function<void()>> deliveries;
+        std::thread thread;
+    };
+    void run(Worker& worker);
+
+    std::mutex mu_;
+    std::condition_variable wake_;
+    std::condition_variable idle_;
+    std::map<DWORD, std::unique_ptr<Worker>> workers_;  // by raising thread
+    size_t pending_ = 0;
+    bool stopping_ = false;
+};
+
 // Everything the simulated objects share. Objects keep it alive.
 struct State : std::enable_shared_from_this<State> {
     State();
@@ -148,6 +180,7 @@ struct State : std::enable_shared_from_this<State> {
     std::vector<PROPERTYID> unmodeledReads;
     std::vector<HandlerPtr> handlers;
     int unmatchedRemovals = 0;
+    int nextHandlerSerial = 1;
 
     // Helpers; "Locked" ones expect mu to be held.
     HRESULT unsupportedCall(const char* what);  // records, answers E_NOTIMPL

@@ -170,6 +170,7 @@ public:
     HRESULT STDMETHODCALLTYPE HandleAutomationEvent(IUIAutomationElement* sender, EVENTID id) override {
         lastEvent = id;
         lastSender = nameOf(sender);
+        lastThread = GetCurrentThreadId();
         ++events;
         return S_OK;
     }
@@ -181,6 +182,7 @@ public:
     std::atomic<ULONG> refs{1};
     EVENTID lastEvent = 0;
     std::wstring lastSender;
+    DWORD lastThread = 0;
     int events = 0;
     int focusEvents = 0;
 };
@@ -848,10 +850,13 @@ TEST(FakeUia, EventHandlersAreHeldAndReleased) {
     EXPECT_EQ(fakeuia::EventHandlerRecord::Kind::FocusChanged, records[1].kind);
 
     EXPECT_EQ(1, platform.raiseAutomationEvent(UIA_Window_WindowOpenedEventId, *d.other));
+    ASSERT_TRUE(platform.waitForEvents(5000));
     EXPECT_EQ(1, handler.events);
     EXPECT_EQ(L"Other", handler.lastSender);
+    EXPECT_NE(GetCurrentThreadId(), handler.lastThread) << "delivered on the raising thread";
     EXPECT_EQ(0, platform.raiseAutomationEvent(UIA_Invoke_InvokedEventId, *d.other));
     EXPECT_EQ(1, platform.raiseFocusChangedEvent(*d.ok));
+    ASSERT_TRUE(platform.waitForEvents(5000));
     EXPECT_EQ(L"OK", handler.lastSender);
 
     ASSERT_EQ(S_OK, a->RemoveAutomationEventHandler(UIA_Window_WindowOpenedEventId, root.get(), &handler));

@@ -55,6 +55,8 @@ void DriverTest::SetUp() {
 
 void DriverTest::TearDown() {
     if (attached) detachAndWait();
+    // Events raised and not yet delivered would reach the driver after it is unloaded.
+    EXPECT_TRUE(platform->waitForEvents(5000)) << "events still being delivered";
     EXPECT_TRUE(waitForReleases(5000)) << "outstanding: " << platform->outstandingBreakdown();
     EXPECT_EQ(0u, host->outstandingPins());
     for (const std::string& violation : host->violations()) ADD_FAILURE() << "JNI misuse: " << violation;
