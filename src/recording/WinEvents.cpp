@@ -327,6 +327,27 @@ void handleOne(WinEventState& state, const RaisedEvent& raised) {
 
 }  // namespace
 
+// A thread that has not yet made its message queue refuses the post: the
+// quit is posted again until it is taken or the thread is gone, for at most
+// about 100 ms.
+void UiaAutoEventHandler::QuitWinEventThread(DWORD threadId) {
+    for (int tries = 0; tries < 50; ++tries) {
+        if (PostThreadMessageW(threadId, WM_QUIT, 0, 0) || GetLastError() != ERROR_INVALID_THREAD_ID) {
+            return;
+        }
+        HANDLE thread = OpenThread(SYNCHRONIZE, FALSE, threadId);
+        const bool gone = !thread || WaitForSingleObject(thread, 0) == WAIT_OBJECT_0;
+        if (thread) {
+            CloseHandle(thread);
+        }
+        if (gone) {
+            return;
+        }
+        Sleep(2);
+    }
+    TOLVA_LOG(logger, 1, "The thread of the window events takes no quit: " << threadId);
+}
+
 void CALLBACK UiaAutoEventHandler::HandleWinEvent(HWINEVENTHOOK, DWORD event, HWND hwnd, LONG idObject, LONG idChild,
                                                   DWORD, DWORD) {
     if (event == EVENT_OBJECT_LOCATIONCHANGE) {

@@ -381,6 +381,30 @@ TEST_P(WinEvents, TheHooksThreadEndsOnUninstallAndDetach) {
     CloseHandle(thread);
 }
 
+// Leaving the thread mode right after entering it, before the new thread
+// could have begun, still ends that thread: no hook is left behind to report
+// the target's events twice.
+TEST_P(WinEvents, LeavingTheThreadModeAtOnceLeavesNoThread) {
+    for (int round = 0; round < 8; ++round) {
+        native<void>("EnableEventListeners", jint(REQUIRED | ON_THREAD | (round % 2 ? THIN : 0)));
+        native<void>("EnableEventListeners", jint(REQUIRED | (round % 2 ? THIN : 0)));
+    }
+    listen(REQUIRED);
+    EXPECT_EQ("[0x8000 arg 1]", shown(notified(main, EVENT_OBJECT_CREATE, OBJID_CLIENT, 1))) << "once, not twice";
+    std::vector<DWORD> threads;
+    for (const dwtest::LogLine& line : LogFile::find("started", 7)) {
+        if (line.logger == "tolva.uia.UiaAutoEvents") threads.push_back(std::stoul(line.thread.substr(1)));
+    }
+    EXPECT_LE(8u, threads.size());
+    if (onThread()) threads.pop_back();  // the thread of the mode that stands
+    for (DWORD id : threads) {
+        HANDLE thread = OpenThread(SYNCHRONIZE, FALSE, id);
+        if (!thread) continue;  // ended and gone
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 2000)) << "thread " << id << " of the hooks lives on";
+        CloseHandle(thread);
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Direct, WinEvents, ::testing::Values(false), modeName);
 INSTANTIATE_TEST_SUITE_P(OnThread, WinEvents, ::testing::Values(true), modeName);
 
