@@ -161,6 +161,15 @@ std::wstring accessibleRole(HWND hwnd, LONG idObject, LONG idChild) {
     return roleText(role.get());
 }
 
+// Whether the window's thread takes a message within a short time. The
+// accessible object is asked of the target's window with messages that wait
+// for its answer: a busy or hung target must not hold the thread of the
+// hooks, which in the direct mode is the dispatch thread.
+bool answers(HWND hwnd) {
+    DWORD_PTR result = 0;
+    return hwnd && SendMessageTimeoutW(hwnd, WM_NULL, 0, 0, SMTO_ABORTIFHUNG | SMTO_BLOCK, 100, &result) != 0;
+}
+
 std::int32_t javaInt(HWND window) {
     return static_cast<std::int32_t>(reinterpret_cast<std::intptr_t>(window));
 }
@@ -298,8 +307,9 @@ void handleOne(WinEventState& state, const RaisedEvent& raised) {
     const std::wstring className(classBuffer, classLength > 0 ? static_cast<size_t>(classLength) : 0);
     state.excelForeground = event == EVENT_SYSTEM_FOREGROUND && className == L"XLMAIN";
 
-    const std::wstring name = accessibleName(hwnd, raised.idObject, raised.idChild);
-    const std::wstring role = accessibleRole(hwnd, raised.idObject, raised.idChild);
+    const bool awake = answers(hwnd);
+    const std::wstring name = awake ? accessibleName(hwnd, raised.idObject, raised.idChild) : std::wstring();
+    const std::wstring role = awake ? accessibleRole(hwnd, raised.idObject, raised.idChild) : std::wstring();
     TOLVA_LOG(logger, 10, winEventName(event) << ", hWnd: " << hwnd << " (" << className << ") , o:"
                                               << raised.idObject << ", c: " << raised.idChild << ", " << name << " "
                                               << role);

@@ -381,6 +381,23 @@ TEST_P(WinEvents, TheHooksThreadEndsOnUninstallAndDetach) {
     CloseHandle(thread);
 }
 
+// A target that takes no message for a while holds neither the dispatch
+// thread nor the event: Java's calls go on, and the event goes up before the
+// target wakes.
+TEST_P(WinEvents, ABusyTargetHoldsNothingUp) {
+    listen(REQUIRED);
+    ASSERT_TRUE(settle());
+    std::thread busy([&] { EXPECT_TRUE(target.stall(main, 4000)); });
+    const bool heard = dwtest::waitUntil([&] { return of(main).size() == 1; }, 2500);
+    const ULONGLONG start = GetTickCount64();
+    native<void>("EnableEventListeners", jint(REQUIRED | THIN | (onThread() ? ON_THREAD : 0)));
+    const ULONGLONG took = GetTickCount64() - start;
+    busy.join();
+    EXPECT_TRUE(heard) << "the create of the busy target came late";
+    EXPECT_EQ("[0x8000 arg 1]", shown(of(main)));
+    EXPECT_GT(1000u, took) << "Java waited for the busy target";
+}
+
 // Leaving the thread mode right after entering it, before the new thread
 // could have begun, still ends that thread: no hook is left behind to report
 // the target's events twice.

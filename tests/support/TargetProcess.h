@@ -79,6 +79,13 @@ public:
     bool foreground(HWND window) { return act("foreground", window); }
     bool openMenu(HWND window) { return act("menu", window); }
     bool openDialog(HWND window) { return act("dialog", window); }
+    // The target raises a create of the window's first client object, then
+    // takes no message for that long; true when it is awake again.
+    bool stall(HWND window, DWORD ms) {
+        std::ostringstream line;
+        line << "stall " << static_cast<void*>(window) << ' ' << ms << '\n';
+        return request(line.str()) && readLine() == "done 1";
+    }
     // A system window event raised by the target (NotifyWinEvent).
     bool notify(DWORD event, HWND window, LONG object, LONG child) {
         std::ostringstream line;

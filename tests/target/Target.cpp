@@ -22,7 +22,8 @@
 // it draws itself (NotifyWinEvent; event, object and child in decimal);
 // "menu <window>" opens a popup menu of the window and "dialog <window>" a
 // modal dialog owned by it, each closed again after 200 ms: the answer comes
-// when it has closed. "make" of a class name that no one registered
+// when it has closed. "stall <window> <ms>" raises a create of the window's
+// first client object and then takes no message for that long. "make" of a class name that no one registered
 // registers it first, with the target's own window procedure.
 #include <windows.h>
 #include <windowsx.h>
@@ -240,6 +241,16 @@ bool ServeWindow(const std::string& verb, std::istringstream& in) {
         in >> object >> child;
         done = !in.fail();
         if (done) NotifyWinEvent(event, hwnd, object, child);
+    } else if (verb == "stall") {
+        // stall <window> <ms>: raises a create of the window's first client
+        // object, then answers no message for that long, as a busy application.
+        unsigned long ms = 0;
+        in >> ms;
+        done = hwnd && !in.fail();
+        if (done) {
+            NotifyWinEvent(EVENT_OBJECT_CREATE, hwnd, OBJID_CLIENT, 1);
+            Sleep(ms);
+        }
     } else if (verb == "menu") {
         done = hwnd && OpenMenu(hwnd);
     } else if (verb == "dialog") {
