@@ -376,7 +376,7 @@ void UiaAutoEventHandler::UninstallAutoEventHandlers() {
     if (!winEventsOnThread) {
         UnhookWinEvents();
     } else {
-        PostThreadMessageW(winEventThreadId, WM_QUIT, 0, 0);
+        QuitWinEventThread(winEventThreadId);
         Sleep(100);
     }
 }

@@ -62,6 +62,8 @@ public:
     static void HookWinEvents(std::int32_t mode);
     static void UnhookWinEvents();
     static DWORD WINAPI WinEventThreadProc(void* modePointer);
+    // Posts the quit to that thread, also while it is only starting.
+    static void QuitWinEventThread(DWORD threadId);
     static void CALLBACK HandleWinEvent(HWINEVENTHOOK hook, DWORD event, HWND hwnd, LONG idObject, LONG idChild,
                                         DWORD idEventThread, DWORD eventTime);
 

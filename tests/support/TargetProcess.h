@@ -71,7 +71,35 @@ public:
         return reply.compare(0, 5, "text ") == 0 ? reply.substr(5) : std::string();
     }
 
+    // Requests on one of the serving target's windows; true when the target
+    // did it. A menu or dialog has closed again when the call returns.
+    bool destroy(HWND window) { return act("destroy", window); }
+    bool show(HWND window) { return act("show", window); }
+    bool hide(HWND window) { return act("hide", window); }
+    bool foreground(HWND window) { return act("foreground", window); }
+    bool openMenu(HWND window) { return act("menu", window); }
+    bool openDialog(HWND window) { return act("dialog", window); }
+    // The target raises a create of the window's first client object, then
+    // takes no message for that long; true when it is awake again.
+    bool stall(HWND window, DWORD ms) {
+        std::ostringstream line;
+        line << "stall " << static_cast<void*>(window) << ' ' << ms << '\n';
+        return request(line.str()) && readLine() == "done 1";
+    }
+    // A system window event raised by the target (NotifyWinEvent).
+    bool notify(DWORD event, HWND window, LONG object, LONG child) {
+        std::ostringstream line;
+        line << "notify " << event << ' ' << static_cast<void*>(window) << ' ' << object << ' ' << child << '\n';
+        return request(line.str()) && readLine() == "done 1";
+    }
+
 private:
+    bool act(const char* verb, HWND window) {
+        std::ostringstream line;
+        line << verb << ' ' << static_cast<void*>(window) << '\n';
+        return request(line.str()) && readLine() == "done 1";
+    }
+
     bool request(const std::string& line) {
         DWORD written = 0;
         return requests_ && WriteFile(requests_, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);

@@ -14,6 +14,17 @@
 // key and character messages, the clicks of its buttons. "log" answers the
 // lines gathered since the last "log", each "<window> <what>", then "end";
 // "text <window>" answers "text <the window's text>".
+//
+// Requests on its windows (each answers "done 1", or "done 0" when the call
+// failed): "destroy <window>", "show <window>", "hide <window>",
+// "foreground <window>"; "notify <event> <window> <object> <child>" raises a
+// system window event of the target as an application does for the objects
+// it draws itself (NotifyWinEvent; event, object and child in decimal);
+// "menu <window>" opens a popup menu of the window and "dialog <window>" a
+// modal dialog owned by it, each closed again after 200 ms: the answer comes
+// when it has closed. "stall <window> <ms>" raises a create of the window's
+// first client object and then takes no message for that long. "make" of a class name that no one registered
+// registers it first, with the target's own window procedure.
 #include <windows.h>
 #include <windowsx.h>
 
@@ -171,12 +182,109 @@ void ReportText(std::istringstream& in) {
     std::fflush(stdout);
 }
 
+void CALLBACK CloseMenu(HWND, UINT, UINT_PTR timer, DWORD) {
+    KillTimer(nullptr, timer);
+    EndMenu();
+}
+
+bool OpenMenu(HWND window) {
+    HMENU menu = CreatePopupMenu();
+    AppendMenuW(menu, MF_STRING, 1, L"Item");
+    RECT bounds = {};
+    GetWindowRect(window, &bounds);
+    SetTimer(nullptr, 0, 200, CloseMenu);
+    const BOOL opened = TrackPopupMenu(menu, TPM_RETURNCMD, bounds.left + 10, bounds.top + 10, 0, window, nullptr);
+    DestroyMenu(menu);
+    return opened || GetLastError() == 0;  // no item chosen is no failure
+}
+
+INT_PTR CALLBACK DialogProc(HWND dialog, UINT message, WPARAM, LPARAM) {
+    if (message == WM_INITDIALOG) {
+        SetTimer(dialog, 1, 200, nullptr);
+        return TRUE;
+    }
+    if (message == WM_TIMER) {
+        EndDialog(dialog, 1);
+        return TRUE;
+    }
+    return FALSE;
+}
+
+bool OpenDialog(HWND owner) {
+    struct {
+        DLGTEMPLATE dialog;
+        WORD menu, windowClass, title;
+    } layout = {};
+    layout.dialog.style = WS_POPUP | WS_CAPTION | WS_VISIBLE | DS_MODALFRAME;
+    layout.dialog.cx = 120;
+    layout.dialog.cy = 60;
+    return DialogBoxIndirectParamW(GetModuleHandleW(nullptr), &layout.dialog, owner, DialogProc, 0) == 1;
+}
+
+// The requests on one window; false for an unknown verb.
+bool ServeWindow(const std::string& verb, std::istringstream& in) {
+    unsigned long event = 0;
+    if (verb == "notify") in >> event;  // then the window, as for the others
+    void* window = nullptr;
+    in >> window;
+    const HWND hwnd = in ? static_cast<HWND>(window) : nullptr;
+    bool done = false;
+    if (verb == "destroy") {
+        done = hwnd && DestroyWindow(hwnd);
+    } else if (verb == "show" || verb == "hide") {
+        done = hwnd && IsWindow(hwnd);
+        if (done) ShowWindow(hwnd, verb == "show" ? SW_SHOW : SW_HIDE);
+    } else if (verb == "foreground") {
+        done = hwnd && SetForegroundWindow(hwnd);
+    } else if (verb == "notify") {
+        long object = 0, child = 0;
+        in >> object >> child;
+        done = !in.fail();
+        if (done) NotifyWinEvent(event, hwnd, object, child);
+    } else if (verb == "stall") {
+        // stall <window> <ms>: raises a create of the window's first client
+        // object, then answers no message for that long, as a busy application.
+        unsigned long ms = 0;
+        in >> ms;
+        done = hwnd && !in.fail();
+        if (done) {
+            NotifyWinEvent(EVENT_OBJECT_CREATE, hwnd, OBJID_CLIENT, 1);
+            Sleep(ms);
+        }
+    } else if (verb == "menu") {
+        done = hwnd && OpenMenu(hwnd);
+    } else if (verb == "dialog") {
+        done = hwnd && OpenDialog(hwnd);
+    } else {
+        return false;
+    }
+    std::printf("done %d\n", done ? 1 : 0);
+    std::fflush(stdout);
+    return true;
+}
+
+// A class of the target's own by that name, unless one exists already.
+void registerClass(const std::wstring& name) {
+    WNDCLASSW known = {};
+    if (name.empty() || GetClassInfoW(GetModuleHandleW(nullptr), name.c_str(), &known) ||
+        GetClassInfoW(nullptr, name.c_str(), &known)) {
+        return;
+    }
+    WNDCLASSW windowClass = {};
+    windowClass.lpfnWndProc = TargetProc;
+    windowClass.hInstance = GetModuleHandleW(nullptr);
+    windowClass.hCursor = LoadCursorW(nullptr, IDC_ARROW);
+    windowClass.lpszClassName = name.c_str();
+    RegisterClassW(&windowClass);
+}
+
 void Serve(const std::string& request) {
     std::istringstream in(request);
     std::string verb;
     in >> verb;
     if (verb == "log") return Report();
     if (verb == "text") return ReportText(in);
+    if (verb != "make" && ServeWindow(verb, in)) return;
     void* parent = nullptr;
     int x = 0, y = 0, width = 0, height = 0;
     std::string className;
@@ -187,6 +295,7 @@ void Serve(const std::string& request) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     HWND made = nullptr;
     if (verb == "make" && whole) {
+        registerClass(wide(className));
         const DWORD style = WS_VISIBLE | (parent ? WS_CHILD : WS_OVERLAPPEDWINDOW);
         made = CreateWindowExW(0, wide(className).c_str(), wide(text).c_str(), style, x, y, width, height,
                                static_cast<HWND>(parent), nullptr, GetModuleHandleW(nullptr), nullptr);
