@@ -36,7 +36,12 @@ constexpr std::int32_t BUTTON_LEFT = 0, BUTTON_RIGHT = 1, BUTTON_MIDDLE = 2;
 UniqueHandle hookThread;
 DWORD hookThreadId = 0;
 // Set by the hook thread once its hooks stand and its message queue exists.
-UniqueHandle hooksReady;
+// Made once and never closed on purpose: a thread left to itself after a
+// time-out may still set it, and must not find the handle reused.
+HANDLE hooksReady() {
+    static const HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    return ready;
+}
 
 // Of the hook thread alone.
 UniqueHook mouseHook;
@@ -177,7 +182,9 @@ bool UiaAutoEventHandler::InstallHooks(std::int32_t pid) {
     if (hookThread) {
         UninstallHooks();
     }
-    hooksReady.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (hooksReady()) {
+        ResetEvent(hooksReady());
+    }
     DWORD threadId = 0;
     hookThread.reset(CreateThread(nullptr, HOOK_THREAD_STACK, hookThreadProc,
                                   reinterpret_cast<void*>(static_cast<std::intptr_t>(pid)),
@@ -189,8 +196,8 @@ bool UiaAutoEventHandler::InstallHooks(std::int32_t pid) {
     hookThreadId = threadId;
     // So that input right after the return is recorded, and the quit message
     // of an early UninstallHooks finds a queue.
-    if (hooksReady) {
-        WaitForSingleObject(hooksReady.get(), HOOKS_READY_WAIT_MS);
+    if (hooksReady()) {
+        WaitForSingleObject(hooksReady(), HOOKS_READY_WAIT_MS);
     }
     return true;
 }
@@ -219,8 +226,8 @@ DWORD WINAPI UiaAutoEventHandler::hookThreadProc(void* pidPointer) {
     MSG message;
     PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE);  // the queue exists before WM_QUIT can come
     InstallWindowsHooks(pid);
-    if (hooksReady) {
-        SetEvent(hooksReady.get());
+    if (hooksReady()) {
+        SetEvent(hooksReady());
     }
     // The hooks are served from inside the peek and the wait; nothing is
     // dispatched.
