@@ -364,18 +364,16 @@ TEST_F(InputHooks, MovesAreThinnedAndForeignPointsWheelAndXButtonsStayOut) {
     mouseFlags(MOUSEEVENTF_WHEEL, WHEEL_DELTA);
     click(MOUSEEVENTF_XDOWN, MOUSEEVENTF_XUP, XBUTTON1);
     click();
-    std::vector<std::string> seen;
-    std::vector<std::string> foreign;
+    std::vector<std::string> seen, overEdit;
     for (const InputEvent& event : settled()) {
         if (event.isMove()) continue;
         seen.push_back(event.show());
-        if (event.message == WM_LBUTTONDOWN || event.message == WM_LBUTTONUP) {
-            if (event.point.x >= 650) continue;
-            foreign.push_back(expectedMouse(event, edit, "edit", 0, 16));
+        if (event.isButton() && event.message <= WM_LBUTTONUP && event.point.x < 650) {
+            overEdit.push_back(expectedMouse(event, edit, "edit", 0, 16));
         }
     }
     ASSERT_EQ(7u, seen.size()) << "the system carried every button and the wheel: " << joined(seen);
-    EXPECT_EQ(joined(foreign), joined(mouseEvents(2, true)))
+    EXPECT_EQ(joined(overEdit), joined(mouseEvents(2, true)))
         << "only the click over the edit: the move to it comes in the same tick as that over the other program";
 }
 
@@ -434,9 +432,10 @@ TEST_F(InputHooks, KeysReachJavaWithCharactersAndModifiers) {
     EXPECT_EQ((std::vector<UINT>{1, 1}), translationFlags[VK_F5]) << "Alt's key is translated as for a menu";
 }
 
-// A key whose focused element is of another process inside the target goes
-// up only in recording mode with the preference set to exactly "true"; the
-// key after it, in the target's own edit, always does.
+// A key whose focused element, or a click whose element, is of another
+// process inside the target goes up only in recording mode with the
+// preference set to exactly "true"; those in the target's own edit after
+// them always do.
 TEST_F(InputHooks, KeysOfAChildProcessInsideTheTargetNeedRecordingAndThePreference) {
     const struct {
         const char* name;
@@ -458,15 +457,22 @@ TEST_F(InputHooks, KeysOfAChildProcessInsideTheTargetNeedRecordingAndThePreferen
         }
         childNode->focus();
         stroke('K');
+        mouseAt({250, 420});
+        click();
         drain();
         editNode->focus();
         stroke('M');
+        mouseAt(screenOf(edit, {20, 10}));
+        click();
         drain();
         std::vector<std::string> expected;
         if (row.reported) expected = {"256 child vk 0x4B 'k'", "257 child vk 0x4B 'k'"};
         expected.push_back("256 edit vk 0x4D 'm'");
         expected.push_back("257 edit vk 0x4D 'm'");
         EXPECT_EQ(joined(expected), joined(keyEvents(expected.size())));
+        std::vector<std::string> clicks;
+        for (const std::string& event : mouseEvents(row.reported ? 4 : 2)) clicks.push_back(event.substr(0, event.find(' ', 4)));
+        EXPECT_EQ(row.reported ? "513 child | 514 child | 513 edit | 514 edit" : "513 edit | 514 edit", joined(clicks));
     }
     native<void>("EnableRecordingMode", jboolean(JNI_FALSE), jint(0));  // a second call ends it
 }
