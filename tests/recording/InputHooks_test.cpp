@@ -477,6 +477,21 @@ TEST_F(InputHooks, KeysOfAChildProcessInsideTheTargetNeedRecordingAndThePreferen
     native<void>("EnableRecordingMode", jboolean(JNI_FALSE), jint(0));  // a second call ends it
 }
 
+// A key for which the focused element can't be had is lost, but the hook
+// follows its modifier all the same.
+TEST_F(InputHooks, KeyWithoutFocusedElementIsLostButItsModifierCounts) {
+    editNode->focus();
+    platform->fail("GetFocusedElement", E_FAIL);
+    keyInput(VK_SHIFT, false);
+    drain();
+    platform->clearFailure("GetFocusedElement");
+    stroke('A');
+    keyInput(VK_SHIFT, true);
+    drain();
+    EXPECT_EQ("256 edit vk 0x41 'A' shift | 257 edit vk 0x41 'A' shift | 257 edit vk 0x10 0 shift",
+              joined(keyEvents(3)));
+}
+
 // While Java takes 50 ms for each event, the mouse hook goes on at once:
 // its longest run stays far below one event's time, every event reaches
 // Java in the end, in order, stamped with the time of the hook's call.
