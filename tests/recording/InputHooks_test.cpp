@@ -546,9 +546,9 @@ TEST_F(InputHooks, MouseHookNeverWaitsForJava) {
     EXPECT_LT(spread, 2 * clicks * 50 / 2) << "stamped at the hook, not when Java got them";
 }
 
-// Leaving bit 0x001 out ends the hook thread and takes both hooks down; a
-// new start makes a new thread, and a detach ends that one as well. Input
-// after that reaches Java no more.
+// Leaving bit 0x001 out ends the hook thread and takes both hooks down, so
+// that input reaches Java no more; a new start makes a new thread that
+// reports again, and a detach ends that one as well.
 TEST_F(InputHooks, UninstallAndDetachLeaveNoHookOrThread) {
     auto hooksAndThreads = [](size_t& hooks, size_t& unhooked, std::vector<HANDLE>& threads) {
         std::lock_guard<std::mutex> guard(books.lock);
