@@ -47,7 +47,9 @@ double nowMs() {
 
 // The time the hook thread spent passing events down the chain: the next
 // hooks (the test's own recorder, on a thread of its own) are not the driver's.
-thread_local double chainMs = 0;
+// Only the driver's hook thread, which alone calls CallNextHookEx in the
+// driver, touches it.
+double chainMs = 0;
 
 LRESULT WINAPI timedCallNext(HHOOK hook, int code, WPARAM wParam, LPARAM lParam) {
     const double start = nowMs();
