@@ -151,22 +151,31 @@ public:
         return S_OK;
     }
 
-    // The first node (document order) with keyboard focus; the root when none.
+    // The first node (document order) with keyboard focus; else the node of
+    // the window that has the system's focus (or of its nearest ancestor that
+    // a node names); the root when none.
     HRESULT STDMETHODCALLTYPE GetFocusedElement(IUIAutomationElement** element) override {
         if (!element) return E_POINTER;
         *element = nullptr;
         if (HRESULT hr = injected("GetFocusedElement")) return hr;
+        GUITHREADINFO input{};
+        input.cbSize = sizeof input;
+        HWND window = GetGUIThreadInfo(0, &input) ? input.hwndFocus : nullptr;
         Node* focused = nullptr;
         {
             std::lock_guard<std::mutex> lock(state_->mu);
             std::vector<Node*> all;
             preorderLocked(state_->root, all);
-            focused = state_->root;
             for (Node* n : all)
                 if (D(n).spec.hasKeyboardFocus) {
                     focused = n;
                     break;
                 }
+            for (; !focused && window; window = GetAncestor(window, GA_PARENT)) {
+                for (Node* n : all)
+                    if (D(n).spec.nativeWindowHandle == window) focused = n;
+            }
+            if (!focused) focused = state_->root;
         }
         *element = newElement(*state_, focused);
         return S_OK;
