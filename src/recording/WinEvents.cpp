@@ -139,25 +139,29 @@ std::wstring roleText(const VARIANT& role) {
                                               : std::wstring();
 }
 
-std::wstring accessibleName(HWND hwnd, LONG idObject, LONG idChild) {
+// Asks the accessible object of the event's object, if there is one, for
+// what `read` reads of it.
+template <class Read>
+void readAccessible(HWND hwnd, LONG idObject, LONG idChild, Read read) {
     ComPtr<IAccessible> accessible;
     Variant child;
-    Bstr name;
     if (SUCCEEDED(AccessibleObjectFromEvent(hwnd, idObject, idChild, accessible.put(), child.put())) &&
         accessible) {
-        accessible->get_accName(child.get(), name.put());
+        read(accessible.get(), child.get());
     }
+}
+
+std::wstring accessibleName(HWND hwnd, LONG idObject, LONG idChild) {
+    Bstr name;
+    readAccessible(hwnd, idObject, idChild,
+                   [&](IAccessible* accessible, const VARIANT& child) { accessible->get_accName(child, name.put()); });
     return name.text();
 }
 
 std::wstring accessibleRole(HWND hwnd, LONG idObject, LONG idChild) {
-    ComPtr<IAccessible> accessible;
-    Variant child;
     Variant role;
-    if (SUCCEEDED(AccessibleObjectFromEvent(hwnd, idObject, idChild, accessible.put(), child.put())) &&
-        accessible) {
-        accessible->get_accRole(child.get(), role.put());
-    }
+    readAccessible(hwnd, idObject, idChild,
+                   [&](IAccessible* accessible, const VARIANT& child) { accessible->get_accRole(child, role.put()); });
     return roleText(role.get());
 }
 

@@ -3,6 +3,7 @@
 #include "events/EventFilter.h"
 #include "events/WinClientEvent.h"
 
+#include "FilterTest.h"
 #include "JniHost.h"
 
 #include <gtest/gtest.h>
@@ -19,33 +20,10 @@ const std::string DRIVER = "net/tolva/apps/cuebench/client/win/deskwright/Defaul
 
 using jnihost::Value;
 
-// Runs work on a thread that the bridge attaches, as the dispatch thread does.
-void onAttachedThread(const std::function<void(EventFilter&)>& work) {
-    std::thread thread([&] {
-        EventFilter& filter = EventFilter::getInstance();
-        filter.attachThread();
-        work(filter);
-        filter.detachThread();
-    });
-    thread.join();
-}
+using dwtest::onAttachedThread;
 
-class EventBridge : public ::testing::Test {
+class EventBridge : public dwtest::FilterTest {
 protected:
-    void connect(jnihost::JavaHost::Options options = {}) {
-        host = std::make_unique<jnihost::JavaHost>(options);
-        JNIEnv* env = host->attachCurrentThread();
-        EventFilter::getInstance().setJavaVM(host->vm());
-        EventFilter::getInstance().setJavaCallbackObject(env, host->callbackObject());
-    }
-    void TearDown() override {
-        for (const std::string& violation : host->violations()) {
-            ADD_FAILURE() << "JNI misuse: " << violation;
-        }
-        for (const std::string& uncaught : host->uncaughtExceptions()) {
-            ADD_FAILURE() << "left pending: " << uncaught;
-        }
-    }
     // The class of the event that each filterEvent call was given.
     std::vector<std::string> filtered() {
         std::vector<std::string> classes;
@@ -60,7 +38,6 @@ protected:
         EXPECT_EQ(1u, made.size()) << simpleName;
         return made.empty() ? jnihost::Construction{} : made[0];
     }
-    std::unique_ptr<jnihost::JavaHost> host;
 };
 
 }  // namespace

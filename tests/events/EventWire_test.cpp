@@ -5,6 +5,7 @@
 #include "events/EventFilter.h"
 #include "events/WinClientEvent.h"
 
+#include "FilterTest.h"
 #include "JniHost.h"
 #include "LoopbackQueue.h"
 
@@ -21,6 +22,7 @@
 
 using namespace tolva;
 using dwtest::LoopbackQueue;
+using dwtest::onAttachedThread;
 using tolvacore::ipc::ShmCallable;
 using tolvacore::ipc::ShmException;
 using Bytes = LoopbackQueue::Bytes;
@@ -316,32 +318,8 @@ namespace {
 
 // EventFilter on a thread that it attached to the host, with a client at the
 // other end of a loopback queue that holds the filter as its callable.
-class EventCall : public ::testing::Test {
+class EventCall : public dwtest::FilterTest {
 protected:
-    void connect(jnihost::JavaHost::Options options = {}) {
-        host = std::make_unique<jnihost::JavaHost>(options);
-        JNIEnv* env = host->attachCurrentThread();
-        EventFilter::getInstance().setJavaVM(host->vm());
-        EventFilter::getInstance().setJavaCallbackObject(env, host->callbackObject());
-    }
-    void TearDown() override {
-        for (const std::string& violation : host->violations()) {
-            ADD_FAILURE() << "JNI misuse: " << violation;
-        }
-        for (const std::string& uncaught : host->uncaughtExceptions()) {
-            ADD_FAILURE() << "left pending: " << uncaught;
-        }
-    }
-    // Runs work on a thread that the filter attaches, as the queue's thread does.
-    void onAttachedThread(const std::function<void(EventFilter&)>& work) {
-        std::thread thread([&] {
-            EventFilter& filter = EventFilter::getInstance();
-            filter.attachThread();
-            work(filter);
-            filter.detachThread();
-        });
-        thread.join();
-    }
     // The client's end gets the filter as the driver's answer to "connected" gives it.
     void* handOut(Wire& wire) {
         wire.driver().setupReturn() << static_cast<ShmCallable*>(&EventFilter::getInstance());
@@ -449,7 +427,6 @@ protected:
         EXPECT_EQ(expected, filtered);
         EXPECT_EQ(expected.size(), made.size()) << "no bad record makes a Java event";
     }
-    std::unique_ptr<jnihost::JavaHost> host;
 };
 
 }  // namespace
