@@ -2,8 +2,9 @@
 // as a Java VM would, drives it over a simulated desktop whose one window
 // belongs to this process, then attaches it to a real target process
 // (target.exe, beside this program), clicks a button and types into an edit
-// there with real input, and prints what happened and what the target
-// received. Exit code 0 when every step answered as expected.
+// there with real input while the recorder listens, and prints what happened,
+// what the target received and what the recorder reported to Java, as a
+// recorder's log. Exit code 0 when every step answered as expected.
 #include "Deskwright.h"
 #include "FakeUia.h"
 #include "JniHost.h"
@@ -11,6 +12,7 @@
 
 #include <objbase.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -62,6 +64,160 @@ void printReceived(const std::vector<dwtest::TargetProcess::Received>& lines, co
     }
     std::fflush(stdout);
 }
+
+
+// --- the recorder's log ----------------------------------------------------------------
+
+const std::string EVENTS = "net/tolva/apps/cuebench/client/win/deskwright/event/";
+
+struct Named {
+    int code;
+    const char* name;
+};
+
+std::string nameOf(int code, std::initializer_list<Named> names) {
+    for (const Named& n : names) {
+        if (n.code == code) return n.name;
+    }
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%X", static_cast<unsigned>(code));
+    return text;
+}
+
+std::string codeName(const std::string& kind, int code) {
+    if (kind == "MouseEvent") {
+        return nameOf(code, {{0x200, "move"}, {0x201, "left down"}, {0x202, "left up"}, {0x204, "right down"},
+                             {0x205, "right up"}, {0x207, "middle down"}, {0x208, "middle up"}});
+    }
+    if (kind == "KeyboardEvent") {
+        return nameOf(code, {{0x100, "key down"}, {0x101, "key up"}, {0x104, "sys key down"}, {0x105, "sys key up"}});
+    }
+    if (kind == "UIAutomationEvent") {
+        return nameOf(code, {{4096, "property changed"}, {4097, "structure changed"}, {20005, "focus changed"},
+                             {20003, "menu opened"}, {20006, "content loaded"}, {20007, "menu closed"},
+                             {20008, "layout changed"}, {20009, "invoked"}, {20010, "added to selection"},
+                             {20011, "left selection"}, {20012, "selected"}, {20015, "text changed"},
+                             {20016, "window opened"}, {20017, "window closed"}});
+    }
+    return nameOf(code, {{0x3, "foreground"}, {0x4, "menu start"}, {0x5, "menu end"}, {0x6, "popup start"},
+                         {0x7, "popup end"}, {0x10, "dialog start"}, {0x11, "dialog end"}, {0x8000, "create"},
+                         {0x8001, "destroy"}, {0x8002, "show"}, {0x8003, "hide"}, {0x8005, "focus"}});
+}
+
+// One line a record: milliseconds since the first, kind, what happened, the
+// element (its handle and name, asked of the driver) and the position or key.
+class RecorderLog {
+public:
+    RecorderLog(jnihost::JavaHost& host, dwtest::Deskwright& dll, JNIEnv* env, jobject self)
+        : host_(host), dll_(dll), env_(env), self_(self) {}
+
+    struct Record {
+        std::string kind;
+        int code = 0;
+        jlong handle = 0;
+        int x = 0, y = 0, button = 0, modifiers = 0, vk = 0, character = 0;
+        std::wstring text;
+    };
+
+    struct Line {
+        Record record;
+        jlong stamp = 0;
+        std::string where, detail;
+    };
+
+    // The records Java received so far, read and described.
+    std::vector<Line> read(const std::vector<jnihost::Call>& calls) {
+        std::vector<Line> lines;
+        for (const jnihost::Call& call : calls) {
+            if (call.args.empty() || call.args[0].type != 'L') continue;
+            lines.push_back(describe(call.args[0].l));
+        }
+        return lines;
+    }
+
+    static void print(const std::vector<Line>& lines) {
+        std::printf("         the recorder reported to Java (filterEvent), in milliseconds since the first:\n");
+        jlong first = 0;
+        for (const Line& line : lines) first = first != 0 || line.stamp == 0 ? first : line.stamp;
+        for (const Line& line : lines) {
+            const Record& r = line.record;
+            char when[32] = "      -";  // a record without a time stamp
+            if (line.stamp != 0) std::snprintf(when, sizeof when, "%+7lld", static_cast<long long>(line.stamp - first));
+            std::printf("           %s  %-17s %-17s %-28s %s\n", when, r.kind.c_str(), codeName(r.kind, r.code).c_str(),
+                        line.where.c_str(), line.detail.c_str());
+        }
+        std::fflush(stdout);
+    }
+
+private:
+    Line describe(jobject event) {
+        Line line;
+        Record& r = line.record;
+        r.kind = host_.classNameOf(event);
+        if (r.kind.compare(0, EVENTS.size(), EVENTS) == 0) r.kind.erase(0, EVENTS.size());
+        r.code = intField(event, "code");
+        const jnihost::Value handle = host_.field(event, "handle");
+        r.handle = handle.type == 'J' ? handle.j : 0;
+        line.stamp = host_.field(event, "timestamp").j;
+        line.where = elementName(r.handle);
+        std::string& detail = line.detail;
+        if (r.kind == "MouseEvent") {
+            r.x = intField(event, "x");
+            r.y = intField(event, "y");
+            r.button = intField(event, "button");
+            r.modifiers = intField(event, "modifiers");
+            detail = "at (" + std::to_string(r.x) + "," + std::to_string(r.y) + "), screen (" +
+                     std::to_string(intField(event, "screenX")) + "," + std::to_string(intField(event, "screenY")) +
+                     "), modifiers " + std::to_string(r.modifiers);
+            if (r.code != 0x200) detail += r.button == 1 ? ", right button" : r.button == 2 ? ", middle button" : ", left button";
+        } else if (r.kind == "KeyboardEvent") {
+            r.vk = intField(event, "vk");
+            r.character = intField(event, "character");
+            char key[64];
+            std::snprintf(key, sizeof key, "vk 0x%02X", static_cast<unsigned>(r.vk));
+            detail = key;
+            if (r.character >= 0x20 && r.character < 0x7F) detail += std::string(" '") + char(r.character) + "'";
+            if (boolField(event, "shift")) detail += " +Shift";
+            if (boolField(event, "ctrl")) detail += " +Ctrl";
+            if (boolField(event, "alt")) detail += " +Alt";
+        } else if (r.kind == "UIAutomationEvent") {
+            const jnihost::Value text = host_.field(event, "text");
+            r.text = text.type == 'L' && !host_.isNull(text.l) ? host_.text(static_cast<jstring>(text.l)) : L"";
+            detail = "param " + std::to_string(intField(event, "param")) + ", text \"" + narrow(r.text) + "\"";
+        } else if (r.kind == "MSAAEvent") {
+            const jlong hwnd = static_cast<jlong>(intField(event, "hwnd"));
+            const std::wstring windowClass = host_.text(dll_.call<jstring>("GetWindowClassName", env_, self_, hwnd));
+            line.where = "window " + std::to_string(hwnd) + " (" + (windowClass.empty() ? "gone" : narrow(windowClass)) + ")";
+            detail = "arg " + std::to_string(intField(event, "arg"));
+        }
+        return line;
+    }
+
+    int intField(jobject o, const char* name) {
+        const jnihost::Value v = host_.field(o, name);
+        return v.type == 'I' ? v.i : 0;
+    }
+    bool boolField(jobject o, const char* name) {
+        const jnihost::Value v = host_.field(o, name);
+        return v.type == 'Z' && v.z != JNI_FALSE;
+    }
+    std::string elementName(jlong handle) {
+        if (handle == 0) return "(no element)";
+        const auto known = names_.find(handle);
+        if (known != names_.end()) return known->second;
+        const jstring name = dll_.call<jstring>("GetAttribute", env_, self_, handle, host_.str(L"name"));
+        const jstring type = dll_.call<jstring>("GetClassName", env_, self_, handle);
+        host_.takeException();
+        const std::string text = (type ? narrow(host_.text(type)) : "?") + " \"" + (name ? narrow(host_.text(name)) : "") + "\"";
+        return names_[handle] = text;
+    }
+
+    jnihost::JavaHost& host_;
+    dwtest::Deskwright& dll_;
+    JNIEnv* env_;
+    jobject self_;
+    std::map<jlong, std::string> names_;
+};
 
 }  // namespace
 
@@ -146,8 +302,8 @@ int main() {
     step(remoteMain && remoteButton && remoteEdit, "the target made a window with a Button and an Edit");
     if (remoteMain && remoteButton && remoteEdit) {
         fakeuia::Node& node = platform.desktop().add(specOf(remoteMain, UIA_WindowControlTypeId, target.pid()));
-        node.add(specOf(remoteButton, UIA_ButtonControlTypeId, target.pid()));
-        node.add(specOf(remoteEdit, UIA_EditControlTypeId, target.pid()));
+        fakeuia::Node& buttonNode = node.add(specOf(remoteButton, UIA_ButtonControlTypeId, target.pid()));
+        fakeuia::Node& editNode = node.add(specOf(remoteEdit, UIA_EditControlTypeId, target.pid()));
         const std::wstring targetArgs = L"-pid " + std::to_wstring(target.pid());
         const jint attachedPid = dll.call<jint>("AttachUiaClient", env, self, host.str(targetArgs), jint{5000});
         step(attachedPid == static_cast<jint>(target.pid()), "AttachUiaClient(\"" + narrow(targetArgs) + "\")");
@@ -160,6 +316,12 @@ int main() {
         }
         step(children.size() == 2, "the target's window has " + std::to_string(children.size()) + " children");
         if (children.size() == 2) {
+            // Input hooks, the three kinds of automation handlers, the required
+            // window events on a thread of their own, child-added with parents.
+            const jint listeners = 0x1AF;
+            dll.call<void>("EnableEventListeners", env, self, listeners);
+            host.clearRecords();
+            std::printf("         recording with listener mode 0x%X\n", static_cast<unsigned>(listeners));
             dll.call<void>("SimulateMouseEvent", env, self, children[0], jint{500}, jint{0}, jint{60}, jint{20}, jint{0},
                            jint{1});
             dll.call<void>("SimulateMouseEvent", env, self, children[1], jint{500}, jint{0}, jint{10}, jint{15}, jint{0},
@@ -181,6 +343,63 @@ int main() {
             printReceived(lines, {{remoteMain, "window"}, {remoteButton, "button"}, {remoteEdit, "edit"}});
             step(clicked, "SimulateMouseEvent clicked the button: the target had BN_CLICKED");
             step(text == narrow(typed), "SimulateKeyStroke typed into the edit, which reads \"" + text + "\"");
+
+            // The target's own automation provider would announce the press and
+            // the new text; here the simulated platform raises them, on threads
+            // of its own as the real one does.
+            platform.raiseAutomationEvent(UIA_Invoke_InvokedEventId, buttonNode);
+            platform.raiseAutomationEvent(UIA_Text_TextChangedEventId, editNode);
+            platform.waitForEvents(5000);
+            // A modal dialog of the target's, open for 200 ms: the system's window events.
+            step(target.openDialog(remoteMain), "the target showed a dialog for 200 ms");
+            // What a recorder must have seen: the press and release on the button,
+            // the typed characters in order, the invoke and the edit's text change.
+            RecorderLog log(host, dll, env, self);
+            struct Seen {
+                bool press = false, release = false, invoked = false, changed = false, dialog = false;
+                std::string keys;
+            };
+            auto judge = [&](const std::vector<RecorderLog::Line>& lines) {
+                Seen seen;
+                for (const auto& line : lines) {
+                    const RecorderLog::Record& r = line.record;
+                    const bool onButton = r.handle == children[0];
+                    if (r.kind == "MouseEvent" && onButton) {
+                        seen.press = seen.press || (r.code == 0x201 && r.x == 60 && r.y == 20 && r.button == 0 &&
+                                                    r.modifiers == 16);
+                        seen.release = seen.release || r.code == 0x202;
+                    } else if (r.kind == "KeyboardEvent" && r.code == 0x100 && r.character >= 0x20) {
+                        seen.keys += char(r.character);
+                    } else if (r.kind == "UIAutomationEvent") {
+                        seen.invoked = seen.invoked || (r.code == UIA_Invoke_InvokedEventId && onButton);
+                        seen.changed = seen.changed || (r.code == UIA_Text_TextChangedEventId && r.handle == children[1]);
+                    } else if (r.kind == "MSAAEvent") {
+                        seen.dialog = seen.dialog || r.code == EVENT_SYSTEM_DIALOGEND;
+                    }
+                }
+                return seen;
+            };
+            auto complete = [&](const Seen& s) {
+                return s.press && s.release && s.invoked && s.changed && s.dialog && s.keys == narrow(typed);
+            };
+            for (int waited = 0; waited < 3000 && !complete(judge(log.read(host.calls("filterEvent")))); waited += 100) {
+                Sleep(100);
+            }
+            Sleep(200);  // the key-up of the last key
+            const auto reported = log.read(host.calls("filterEvent"));
+            RecorderLog::print(reported);
+            const Seen seen = judge(reported);
+            step(seen.press && seen.release, "recorded the left press at (60,20) of the button and its release");
+            step(seen.keys == narrow(typed), "recorded the keys \"" + seen.keys + "\" on their way to the edit");
+            step(seen.invoked && seen.changed, "recorded the button's invoke and the edit's text change");
+            step(seen.dialog, "recorded the end of the target's dialog");
+
+            dll.call<void>("EnableEventListeners", env, self, jint{0});
+            host.clearRecords();
+            dll.call<void>("SimulateMouseEvent", env, self, children[0], jint{500}, jint{0}, jint{60}, jint{20}, jint{0},
+                           jint{1});
+            Sleep(500);
+            step(host.calls("filterEvent").empty(), "listeners off: the next click reported nothing");
         }
         dll.call<void>("DetachClient", env, self);
         for (int waited = 0; waited < 5000 && platform.outstandingReferences() != 0; waited += 20) Sleep(20);
