@@ -334,12 +334,6 @@ TEST_F(FakeUia, InjectedFailuresPoisonTheOutputs) {
     EXPECT_EQ(L"OK", nameOf(e.Get()));
     EXPECT_THROW(ok->fail("get_CurrentNmae", E_FAIL), std::invalid_argument);
     EXPECT_THROW(ok->nullString("get_CurrentControlType"), std::invalid_argument);
-
-    platform.fail("GetRootElement", E_OUTOFMEMORY);
-    EXPECT_EQ(E_OUTOFMEMORY, automation->GetRootElement(&step));
-    EXPECT_FALSE(step);
-    platform.clearFailure("GetRootElement");
-    EXPECT_EQ(S_OK, automation->GetRootElement(&step));
     EXPECT_THROW(platform.fail("GetRoot", E_FAIL), std::invalid_argument);
 }
 
@@ -357,9 +351,6 @@ TEST_F(FakeUia, WhatIsNotThereAndLookups) {
     ASSERT_EQ(S_OK, e->GetCurrentPropertyValue(UIA_ValueValuePropertyId, &v));
     EXPECT_EQ(VT_EMPTY, v.vt);
     EXPECT_EQ(std::vector<PROPERTYID>{UIA_ValueValuePropertyId}, platform.unmodeledPropertyReads());
-    ASSERT_EQ(S_OK, e->GetCurrentPropertyValue(UIA_IsInvokePatternAvailablePropertyId, &v));
-    EXPECT_EQ(VT_BOOL, v.vt);
-    EXPECT_EQ(VARIANT_FALSE, v.boolVal);
     ComPtr<IUnknown> none;
     EXPECT_EQ(S_OK, e->GetCurrentPattern(UIA_InvokePatternId, none.ReleaseAndGetAddressOf()));
     EXPECT_FALSE(none);
@@ -415,12 +406,7 @@ TEST_F(FakeUia, EventHandlersAreHeldAndCalledOnThreadsOfThePlatform) {
     ASSERT_EQ(S_OK, automation->AddAutomationEventHandler(UIA_Window_WindowOpenedEventId, desktop.Get(),
                                                           TreeScope_Subtree, nullptr, &handler));
     EXPECT_EQ(2u, handler.refs.load());
-    auto records = platform.eventHandlers();
-    ASSERT_EQ(1u, records.size());
-    EXPECT_EQ(fakeuia::EventHandlerRecord::Kind::Automation, records[0].kind);
-    EXPECT_EQ(UIA_Window_WindowOpenedEventId, records[0].eventId);
-    EXPECT_EQ(&platform.desktop(), records[0].node);
-    EXPECT_EQ(TreeScope_Subtree, records[0].scope);
+    EXPECT_EQ(1u, platform.eventHandlers().size());
     EXPECT_EQ(0, platform.raiseAutomationEvent(UIA_Invoke_InvokedEventId, *other));
     EXPECT_EQ(1, platform.raiseAutomationEvent(UIA_Window_WindowOpenedEventId, *other));
     ASSERT_TRUE(platform.waitForEvents(5000));
@@ -498,12 +484,6 @@ TEST_F(FakeUia, PatternsAreNewCountedObjectsOfTheAttachedSource) {
     EXPECT_EQ(E_NOINTERFACE, a.As(&wrong));
     EXPECT_EQ(S_OK, p->Invoke());
     EXPECT_EQ(1, invoke->invokeCount);
-    VARIANT v;
-    ASSERT_EQ(S_OK, e->GetCurrentPropertyValue(UIA_IsInvokePatternAvailablePropertyId, &v));
-    EXPECT_EQ(VT_BOOL, v.vt);
-    EXPECT_EQ(VARIANT_TRUE, v.boolVal);
-    ASSERT_EQ(S_OK, e->GetCurrentPropertyValue(UIA_IsValuePatternAvailablePropertyId, &v));
-    EXPECT_EQ(VARIANT_FALSE, v.boolVal);
     invoke->available = false;
     EXPECT_EQ(S_OK, e->GetCurrentPattern(UIA_InvokePatternId, a.ReleaseAndGetAddressOf()));
     EXPECT_FALSE(a);
@@ -707,24 +687,22 @@ TEST_F(FakeUia, TextRangesAndWhatPatternsLeaveOut) {
                            "IUIAutomationLegacyIAccessiblePattern::GetIAccessible"};
     DWORD role = 0;
     EXPECT_EQ(fakeuia::kNotCached, pl->get_CachedRole(&role));
-    ComPtr<IUIAutomationElementArray> items;
-    fakeuia::attach<fakeuia::TableItemSource>(add(L"cell", UIA_DataItemControlTypeId));
-    auto pti = pattern<IUIAutomationTableItemPattern>(L"cell", UIA_TableItemPatternId);
-    EXPECT_EQ(fakeuia::kNotCached, pti->GetCachedRowHeaderItems(&items));
-    EXPECT_FALSE(items);
 
     doc.remove();
     EXPECT_EQ(kElementNotAvailable, range->GetText(-1, &s));
     EXPECT_EQ(kElementNotAvailable, p->get_DocumentRange(&range));
 }
 
-// A failure injected into a source answers its call, which still counts;
-// names of calls are checked when set.
+// A failure injected into a source answers its call, which still counts and
+// changes nothing, with its string output null; names are checked when set.
 TEST_F(FakeUia, InjectedPatternFailures) {
     Node& edit = add(L"edit", UIA_EditControlTypeId);
     auto value = fakeuia::attach<fakeuia::ValueSource>(edit, L"abc");
-    EXPECT_THROW(value->fail("Invoke", E_FAIL), std::invalid_argument);
-    EXPECT_THROW(value->fail("get_CurrentName", E_FAIL), std::invalid_argument);
+    auto grid = fakeuia::attach<fakeuia::GridSource>(edit);
+    for (const char* unknown : {"Invoke", "get_CurrentName"}) {
+        EXPECT_THROW(value->fail(unknown, E_FAIL), std::invalid_argument) << unknown;
+    }
+    EXPECT_THROW(grid->fail("GetElement", E_FAIL), std::invalid_argument);
     value->fail("get_CurrentValue", E_ACCESSDENIED);
     value->fail("SetValue", E_FAIL);
     value->fail("get_CachedIsReadOnly", E_OUTOFMEMORY);
@@ -734,21 +712,9 @@ TEST_F(FakeUia, InjectedPatternFailures) {
     EXPECT_EQ(nullptr, s);
     BSTR nv = SysAllocString(L"new");
     EXPECT_EQ(E_FAIL, p->SetValue(nv));
+    SysFreeString(nv);
     EXPECT_EQ(1, value->setValueCalls);
     EXPECT_EQ(L"abc", value->value);
     BOOL b = FALSE;
     EXPECT_EQ(E_OUTOFMEMORY, p->get_CachedIsReadOnly(&b));
-    value->clearFailure("SetValue");
-    EXPECT_EQ(S_OK, p->SetValue(nv));
-    SysFreeString(nv);
-    value->clearFailures();
-    ASSERT_EQ(S_OK, p->get_CurrentValue(&s));
-    EXPECT_EQ(L"new", take(s));
-
-    auto grid = fakeuia::attach<fakeuia::GridSource>(edit);
-    EXPECT_THROW(grid->fail("GetElement", E_FAIL), std::invalid_argument);
-    grid->fail("GetItem", E_FAIL);
-    Element cell;
-    EXPECT_EQ(E_FAIL, pattern<IUIAutomationGridPattern>(L"edit", UIA_GridPatternId)->GetItem(0, 0, &cell));
-    EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 0}}), grid->getItemCalls);
 }

@@ -60,107 +60,82 @@ jmethodID filterEvent(JNIEnv* env) {
 
 }  // namespace
 
-// Each row misuses JNI in a fresh host, which must report it.
+// Each row misuses JNI in a fresh host, which must report each misuse.
 TEST(JniHost, MisuseIsAViolation) {
-  using Misuse = std::function<void(JavaHost&, JNIEnv*)>;
   const struct {
     const char* name;
-    Misuse misuse;
-    std::string expected;
+    std::function<void(JavaHost&, JNIEnv*)> misuse;
+    std::vector<std::string> expected;
   } rows[] = {
-      {"env on another thread", [](JavaHost&, JNIEnv* env) { onOtherThread([&] { env->FindClass("java/lang/String"); }); },
-       "used on another thread"},
-      {"env after its thread detached",
-       [](JavaHost& h, JNIEnv*) {
-         JNIEnv* theirs = nullptr;
-         onLibraryThread(h, [&](JNIEnv* e) { theirs = e; });
-         onOtherThread([&] { theirs->GetVersion(); });
-       },
-       "after that thread detached"},
-      {"local of a detached thread",
+      {"env on another thread",
+       [](JavaHost&, JNIEnv* env) { onOtherThread([&] { env->FindClass("java/lang/String"); }); },
+       {"used on another thread"}},
+      {"env and locals of a thread that detached",
        [](JavaHost& h, JNIEnv* env) {
+         JNIEnv* theirs = nullptr;
          jobject local = nullptr;
-         onLibraryThread(h, [&](JNIEnv* e) { local = e->NewStringUTF("made there"); });
+         onLibraryThread(h, [&](JNIEnv* e) { theirs = e, local = e->NewStringUTF("made there"); });
+         onOtherThread([&] { theirs->GetVersion(); });
          env->GetStringLength(static_cast<jstring>(local));
        },
-       "freed when thread"},
+       {"after that thread detached", "freed when thread"}},
       {"library thread ending attached",
        [](JavaHost& h, JNIEnv*) {
          DWORD tid = 0;
-         onLibraryThread(h, [&](JNIEnv* e) {
-           e->NewStringUTF("left behind");
-           tid = GetCurrentThreadId();
-         }, false);
+         onLibraryThread(h, [&](JNIEnv* e) { tid = GetCurrentThreadId(), e->NewStringUTF("left behind"); }, false);
          EXPECT_EQ(h.localRefCount(tid), 0u) << "its locals end with it";
        },
-       "(\"Dispatch\") ended without DetachCurrentThread"},
-      {"DestroyJavaVM", [](JavaHost& h, JNIEnv*) { EXPECT_EQ(h.vm()->DestroyJavaVM(), JNI_ERR); }, "DestroyJavaVM"},
-      {"deleted global used",
+       {"(\"Dispatch\") ended without DetachCurrentThread"}},
+      {"DestroyJavaVM", [](JavaHost& h, JNIEnv*) { EXPECT_EQ(h.vm()->DestroyJavaVM(), JNI_ERR); }, {"DestroyJavaVM"}},
+      {"deleted global used and deleted again",
        [](JavaHost& h, JNIEnv* env) {
          jobject g = env->NewGlobalRef(env->NewStringUTF("abc"));
          EXPECT_EQ(h.globalRefCount(), 1u);
          env->DeleteGlobalRef(g);
          EXPECT_EQ(h.globalRefCount(), 0u);
          env->GetStringLength(static_cast<jstring>(g));
-       },
-       "global reference that was deleted by DeleteGlobalRef"},
-      {"global deleted twice",
-       [](JavaHost&, JNIEnv* env) {
-         jobject g = env->NewGlobalRef(env->NewStringUTF("abc"));
-         env->DeleteGlobalRef(g);
          env->DeleteGlobalRef(g);
        },
-       "already ("},
+       {"global reference that was deleted by DeleteGlobalRef", "already ("}},
       {"local of another thread",
        [](JavaHost& h, JNIEnv* env) {
          jstring s = env->NewStringUTF("abc");
          onLibraryThread(h, [&](JNIEnv* e) { e->GetStringLength(s); });
        },
-       "is a local reference of thread"},
+       {"is a local reference of thread"}},
       {"deleted local used",
        [](JavaHost&, JNIEnv* env) {
          jstring s = env->NewStringUTF("abc");
          env->DeleteLocalRef(s);
          env->GetStringLength(s);
        },
-       "local reference that was deleted by DeleteLocalRef"},
-      {"local of a popped frame",
+       {"local reference that was deleted by DeleteLocalRef"}},
+      {"locals of a popped frame and of a native call that returned",
        [](JavaHost& h, JNIEnv* env) {
          ASSERT_EQ(env->PushLocalFrame(8), JNI_OK);
          jstring inner = env->NewStringUTF("inner");
-         jobject out = env->PopLocalFrame(env->NewStringUTF("kept"));
-         EXPECT_EQ(h.text(static_cast<jstring>(out)), L"kept");
+         EXPECT_EQ(h.text(static_cast<jstring>(env->PopLocalFrame(env->NewStringUTF("kept")))), L"kept");
          env->GetStringLength(inner);
-       },
-       "freed by PopLocalFrame"},
-      {"local kept past its native call",
-       [](JavaHost& h, JNIEnv* env) {
          jstring cached = nullptr;
          jstring result = h.nativeCall([&] {
            cached = env->NewStringUTF("cached");
            return env->NewStringUTF("result");
          });
-         EXPECT_EQ(h.text(result), L"result");
-         EXPECT_EQ(h.localRefCount(), 1u) << "the result lives on in the caller's frame";
+         EXPECT_EQ(h.text(result), L"result") << "the result lives on in the caller's frame";
          env->GetStringLength(cached);
        },
-       "freed when the native method returned"},
+       {"freed by PopLocalFrame", "freed when the native method returned"}},
       {"ThrowNew without a class", [](JavaHost&, JNIEnv* env) { EXPECT_EQ(env->ThrowNew(nullptr, "x"), JNI_ERR); },
-       "ThrowNew on thread"},
-      {"Call<Type>Method of another return type",
-       [](JavaHost& h, JNIEnv* env) { env->CallVoidMethod(h.callbackObject(), filterEvent(env), callbackEvent(env)); },
-       "returns Z, but was called with CallVoidMethod"},
-      {"method on an object of another class",
-       [](JavaHost&, JNIEnv* env) {
-         jobject ev = callbackEvent(env);
-         env->CallBooleanMethod(ev, filterEvent(env), ev);
-       },
-       "was called on an object of class " + kEvent + "CallbackEvent"},
-      {"argument of another class",
+       {"ThrowNew on thread"}},
+      {"method id of another return type, on another class, with an argument of another class",
        [](JavaHost& h, JNIEnv* env) {
+         jobject ev = callbackEvent(env);
+         env->CallVoidMethod(h.callbackObject(), filterEvent(env), ev);
+         env->CallBooleanMethod(ev, filterEvent(env), ev);
          env->CallBooleanMethod(h.callbackObject(), filterEvent(env), env->NewStringUTF("not an event"));
        },
-       "is a java/lang/String, not a " + kEvent + "WinEvent"},
+       {"returns Z, but was called with CallVoidMethod", "was called on an object of class " + kEvent + "CallbackEvent",
+        "is a java/lang/String, not a " + kEvent + "WinEvent"}},
       {"pin released twice",
        [](JavaHost& h, JNIEnv* env) {
          jstring s = h.str(L"pinned");
@@ -168,7 +143,7 @@ TEST(JniHost, MisuseIsAViolation) {
          env->ReleaseStringChars(s, chars);
          env->ReleaseStringChars(s, chars);
        },
-       "released already"},
+       {"released already"}},
       {"call inside a critical region",
        [](JavaHost& h, JNIEnv* env) {
          jintArray ia = h.intArray({1, 2, 3});
@@ -178,7 +153,7 @@ TEST(JniHost, MisuseIsAViolation) {
          env->ReleasePrimitiveArrayCritical(ia, crit, 0);
          EXPECT_EQ(h.outstandingPins(), 0u);
        },
-       "critical region"},
+       {"critical region"}},
       {"call with an exception pending on a library thread",
        [](JavaHost& h, JNIEnv*) {
          onLibraryThread(h, [&](JNIEnv* e) {
@@ -187,21 +162,21 @@ TEST(JniHost, MisuseIsAViolation) {
          });
          EXPECT_EQ(h.uncaughtExceptions().size(), 1u);
          EXPECT_EQ(h.violations().size(), 1u) << "FindClass may raise, only the next call is misuse";
-         EXPECT_TRUE(mentions(h.violations(), "java/lang/NoClassDefFoundError"));
        },
-       "GetObjectClass on thread"},
+       {"GetObjectClass on thread", "java/lang/NoClassDefFoundError"}},
   };
   for (const auto& row : rows) {
     JavaHost host;
     row.misuse(host, host.attachCurrentThread());
     const std::vector<std::string> seen = host.takeViolations();
-    EXPECT_TRUE(mentions(seen, row.expected)) << row.name << ": " << ::testing::PrintToString(seen);
+    for (const std::string& expected : row.expected)
+      EXPECT_TRUE(mentions(seen, expected)) << row.name << ": " << expected << " in " << ::testing::PrintToString(seen);
   }
 }
 
-// What a VM allows is no violation: a Java thread may end attached; with an
-// exception pending, the calls a VM allows pass and the others are listed;
-// a handler may make the call throw; each thread has its own env.
+// What a VM allows is no violation: a Java thread may end attached; each
+// thread has its own env; with an exception pending, the calls a VM allows
+// pass and, on a Java thread, the others are listed.
 TEST(JniHost, WhatAVmAllowsIsNoViolation) {
   JavaHost host;
   JNIEnv* env = host.attachCurrentThread();
@@ -211,11 +186,8 @@ TEST(JniHost, WhatAVmAllowsIsNoViolation) {
   onLibraryThread(host, [&](JNIEnv* e) {
     theirs = e;
     JNIEnv* again = nullptr;
-    void* viaGetEnv = nullptr;
     EXPECT_EQ(host.vm()->AttachCurrentThread(reinterpret_cast<void**>(&again), nullptr), JNI_OK);
     EXPECT_EQ(again, e);
-    EXPECT_EQ(host.vm()->GetEnv(&viaGetEnv, JNI_VERSION_1_8), JNI_OK);
-    EXPECT_EQ(viaGetEnv, e);
     EXPECT_EQ(e->FindClass("net/tolva/NoSuchClass"), nullptr);
     EXPECT_EQ(e->PushLocalFrame(4), JNI_OK);  // allowed with an exception pending
     EXPECT_EQ(e->PopLocalFrame(nullptr), nullptr);
@@ -223,13 +195,6 @@ TEST(JniHost, WhatAVmAllowsIsNoViolation) {
     e->NewStringUTF("after the clear");
   });
   EXPECT_NE(theirs, env);
-  onOtherThread([&] {
-    void* e = reinterpret_cast<void*>(1);
-    EXPECT_EQ(host.vm()->GetEnv(&e, JNI_VERSION_1_8), JNI_EDETACHED);
-    EXPECT_EQ(e, nullptr);
-  });
-  void* e = nullptr;
-  EXPECT_EQ(host.vm()->GetEnv(&e, 0x7fff0000), JNI_EVERSION);
 
   env->ThrowNew(env->FindClass("java/lang/IllegalStateException"), "boom");
   env->DeleteLocalRef(env->NewStringUTF("while pending"));
@@ -240,19 +205,6 @@ TEST(JniHost, WhatAVmAllowsIsNoViolation) {
   EXPECT_TRUE(mentions(listed, "java/lang/IllegalStateException")) << listed[0];
   env->ExceptionDescribe();
   EXPECT_FALSE(env->ExceptionCheck()) << "described and cleared";
-
-  host.onCall(kDeskwright, "onDefaultCheck", "(J)V", [&](JNIEnv* he, jobject, const std::vector<Value>&) {
-    he->ThrowNew(he->FindClass((kPkg + "InvalidHandleException").c_str()), "gone");
-    return Value::none();
-  });
-  const size_t locals = host.localRefCount();
-  jclass dw = env->FindClass(kDeskwright.c_str());
-  env->CallVoidMethod(host.callbackObject(), env->GetMethodID(dw, "onDefaultCheck", "(J)V"), jlong(7));
-  auto thrown = host.takeException();
-  ASSERT_TRUE(thrown.has_value());
-  EXPECT_EQ(thrown->className, kPkg + "InvalidHandleException");
-  EXPECT_EQ(thrown->message, L"gone");
-  EXPECT_EQ(host.localRefCount(), locals + 1) << "dw; the handler's locals ended with its call";
   EXPECT_TRUE(host.violations().empty()) << ::testing::PrintToString(host.violations());
 }
 
@@ -384,9 +336,9 @@ TEST(JniHost, MethodsAreFoundAsInAVm) {
   };
   for (const auto& m : missing) {
     jclass cls = env->FindClass((kEvent + m.cls).c_str());
-    EXPECT_EQ(m.isStatic ? env->GetStaticMethodID(cls, m.name, m.signature) : env->GetMethodID(cls, m.name, m.signature),
-              nullptr)
-        << m.cls << "." << m.name << m.signature;
+    jmethodID id = m.isStatic ? env->GetStaticMethodID(cls, m.name, m.signature)
+                              : env->GetMethodID(cls, m.name, m.signature);
+    EXPECT_EQ(id, nullptr) << m.cls << "." << m.name << m.signature;
     auto thrown = host.takeException();
     EXPECT_EQ(thrown ? thrown->className : "none", "java/lang/NoSuchMethodError") << m.cls << "." << m.name;
   }
@@ -491,7 +443,6 @@ TEST(JniHost, EmptySlotsAreTraps) {
 TEST(JniHost, ManyLibraryThreadsAtOnce) {
   JavaHost host;
   std::atomic<int> handled{0}, trues{0};
-  std::atomic<DWORD> wrongThread{0};
   host.onCall(kDeskwright, "filterEvent", kFilterSig, [&](JNIEnv* env, jobject, const std::vector<Value>& a) {
     handled++;
     return Value::of(static_cast<bool>(env->IsInstanceOf(a[0].l, env->FindClass((kEvent + "MouseEvent").c_str()))));
@@ -511,9 +462,6 @@ TEST(JniHost, ManyLibraryThreadsAtOnce) {
         if (env->CallBooleanMethod(callback, filter, ev)) trues++;
         env->DeleteLocalRef(ev);
       }
-      for (const auto& call : host.calls("filterEvent"))
-        if (call.threadId == GetCurrentThreadId() && host.field(call.args[0].l, "handle") != Value::of(jlong(n)))
-          wrongThread = GetCurrentThreadId();
       env->DeleteGlobalRef(ms);
       env->DeleteGlobalRef(callback);
       host.vm()->DetachCurrentThread();
@@ -524,7 +472,6 @@ TEST(JniHost, ManyLibraryThreadsAtOnce) {
   EXPECT_EQ(host.constructions(kEvent + "MouseEvent").size(), size_t(kThreads * kEach));
   EXPECT_EQ(handled.load(), kThreads * kEach);
   EXPECT_EQ(trues.load(), kThreads * kEach);
-  EXPECT_EQ(wrongThread.load(), 0u) << "a call recorded on another thread than its caller's";
   EXPECT_EQ(host.globalRefCount(), 0u);
   EXPECT_TRUE(host.violations().empty());
   EXPECT_TRUE(host.callsWithPendingException().empty());
