@@ -12,6 +12,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
+#include <mutex>
 #include <thread>
 #include <sstream>
 
@@ -41,6 +43,41 @@ std::string shown(const std::vector<Seen>& events) {
 // The recorder's clock, as the test sets it.
 std::atomic<DWORD> ticks{0};
 DWORD WINAPI testTickCount() { return ticks; }
+
+// The driver's window event hooks as it asks for them, "first-last" in hex,
+// with the thread that asked; a hook of another process than hookedPid, for
+// one thread only, in context or with a module says so.
+struct Hooked {
+    DWORD thread;
+    std::string range;
+};
+std::mutex hookedLock;
+std::vector<Hooked> hooked;
+DWORD hookedPid = 0;
+
+HWINEVENTHOOK WINAPI recordedHook(DWORD first, DWORD last, HMODULE module, WINEVENTPROC procedure, DWORD pid,
+                                  DWORD thread, DWORD flags) {
+    char range[64];
+    std::snprintf(range, sizeof range, "%lx-%lx%s", static_cast<unsigned long>(first), static_cast<unsigned long>(last),
+                  module || pid != hookedPid || thread || (flags & WINEVENT_INCONTEXT) ? " (other arguments)" : "");
+    {
+        std::lock_guard<std::mutex> guard(hookedLock);
+        hooked.push_back({GetCurrentThreadId(), range});
+    }
+    return SetWinEventHook(first, last, module, procedure, pid, thread, flags);
+}
+
+std::vector<Hooked> hookedSince(size_t from) {
+    std::lock_guard<std::mutex> guard(hookedLock);
+    return std::vector<Hooked>(hooked.begin() + static_cast<long>(std::min(from, hooked.size())), hooked.end());
+}
+
+// How often the hooks were made for a mode so far.
+size_t hookRounds() {
+    size_t rounds = 0;
+    for (const dwtest::LogLine& line : LogFile::find("mode: 0x", 7)) rounds += line.method == "HookWinEvents()";
+    return rounds;
+}
 
 class WinEvents : public DriverTest, public ::testing::WithParamInterface<bool> {
 protected:
@@ -239,18 +276,6 @@ TEST_P(WinEvents, FiltersChooseWhatGoesUp) {
     EXPECT_FALSE(LogFile::contains("LOCATIONCHANGE", 10));
 }
 
-// In the required mode only the needed ranges are hooked: events outside
-// them are not even looked at.
-TEST_P(WinEvents, RequiredModeHooksOnlyTheNeededRanges) {
-    listen(REQUIRED | ALL);
-    EXPECT_EQ("[0x8000 arg 4]", shown(notified(main, EVENT_OBJECT_CREATE, OBJID_CLIENT, 4)));
-    EXPECT_EQ("[0x11 arg 0]", shown(notified(main, EVENT_SYSTEM_DIALOGEND, OBJID_WINDOW, CHILDID_SELF)));
-    EXPECT_EQ("", shown(notified(main, EVENT_OBJECT_NAMECHANGE, OBJID_WINDOW, CHILDID_SELF)));
-    EXPECT_EQ("", shown(notified(main, 100, OBJID_WINDOW, CHILDID_SELF)));
-    EXPECT_FALSE(LogFile::contains("NAMECHANGE, hWnd: ", 10)) << "NAMECHANGE was hooked";
-    EXPECT_FALSE(LogFile::contains("100, hWnd: ", 10)) << "id 100 was hooked";
-}
-
 // Real menus and dialogs of the target. Wine raises no MENUSTART or
 // MENUPOPUPSTART for them and no DIALOGSTART: a popup menu shows and hides
 // its window, a dialog shows its window and ends with DIALOGEND.
@@ -344,16 +369,34 @@ TEST_P(WinEvents, RepeatedCreatesAreThinnedBy200Ticks) {
     }
 }
 
-// Without either event bit nothing is hooked, whatever the thread mode.
-TEST_P(WinEvents, NoEventBitHooksNothing) {
-    listen(THIN);
-    ASSERT_TRUE(target.notify(EVENT_OBJECT_CREATE, main, OBJID_CLIENT, 1));
-    ASSERT_TRUE(target.notify(EVENT_OBJECT_HIDE, marker, OBJID_WINDOW, CHILDID_SELF));
-    HWND made = target.makeWindow(L"DeskwrightTarget", L"unheard", {80, 10, 180, 60}, main);
-    ASSERT_NE(nullptr, made);
-    Sleep(500);
-    EXPECT_EQ("", shown(all()));
-    EXPECT_FALSE(LogFile::contains(", hWnd: ", 10)) << "an event was looked at";
+// The event bits choose the hooked ranges: every event, or only the three
+// ranges that a recording needs, which shut every event out; without either
+// bit no hook. Each hook is for the target's process, out of context, made on
+// the dispatch thread or on the hooks' own.
+TEST_P(WinEvents, TheModeChoosesTheHookedRanges) {
+    dwtest::ImportPatch patch(dll->module(), "SetWinEventHook", reinterpret_cast<void*>(&recordedHook));
+    ASSERT_TRUE(patch.applied()) << "the driver doesn't import SetWinEventHook";
+    hookedPid = target.pid();
+    ASSERT_TRUE(settle()) << "the connection's hooks are made";
+    const struct {
+        const char* name;
+        jint mode;
+        std::string ranges;
+    } rows[] = {{"all", ALL, "1-7fffffff"},
+                {"required", REQUIRED, "8000-8003 3-7 10-11"},
+                {"required shuts all out", REQUIRED | ALL, "8000-8003 3-7 10-11"},
+                {"neither", THIN, ""}};
+    for (const auto& row : rows) {
+        const size_t from = hookedSince(0).size(), rounds = hookRounds();
+        listen(row.mode);
+        ASSERT_TRUE(dwtest::waitUntil([&] { return hookRounds() > rounds; }, 5000)) << row.name << ": not hooked";
+        std::string ranges;
+        for (const Hooked& hook : hookedSince(from)) {
+            ranges += (ranges.empty() ? "" : " ") + hook.range;
+            EXPECT_EQ(!onThread(), hook.thread == dispatchThread) << row.name << ": " << hook.range;
+        }
+        EXPECT_EQ(row.ranges, ranges) << row.name;
+    }
 }
 
 // The thread of the hooks ends when the listeners change and when Java
@@ -427,37 +470,18 @@ TEST_P(WinEvents, LeavingTheThreadModeAtOnceLeavesNoThread) {
 INSTANTIATE_TEST_SUITE_P(Direct, WinEvents, ::testing::Values(false), modeName);
 INSTANTIATE_TEST_SUITE_P(OnThread, WinEvents, ::testing::Values(true), modeName);
 
-// The driver attached to the test's own process: its hooks skip the events
-// of their own process, so nothing of this process's windows arrives.
+// The driver attached to the test's own process hooks nothing: a hook would
+// hear only what it skips.
 class OwnProcessWinEvents : public DriverTest, public ::testing::WithParamInterface<bool> {};
 
-TEST_P(OwnProcessWinEvents, EventsOfTheOwnProcessAreSkipped) {
+TEST_P(OwnProcessWinEvents, TheOwnProcessIsNotHooked) {
+    dwtest::ImportPatch patch(dll->module(), "SetWinEventHook", reinterpret_cast<void*>(&recordedHook));
+    ASSERT_TRUE(patch.applied());
     attachToOwnWindow(L"Own window");
+    const size_t rounds = hookRounds();
     native<void>("EnableEventListeners", jint(ALL | (GetParam() ? ON_THREAD : 0)));
-    ASSERT_TRUE(dwtest::waitUntil([] {
-        for (const dwtest::LogLine& line : LogFile::find("mode: 0x", 7)) {
-            if (line.method == "HookWinEvents()") return true;
-        }
-        return false;
-    }, 5000)) << "the hooks were not made";
-    // A thread of this process with a window of its own raises events, as
-    // an application's thread does.
-    std::thread application([] {
-        dwtest::OwnWindow own(L"Static", L"Own recorded", WS_OVERLAPPEDWINDOW | WS_VISIBLE);
-        for (LONG round = 1; round <= 10 && own.hwnd; ++round) {
-            NotifyWinEvent(EVENT_OBJECT_CREATE, own.hwnd, OBJID_CLIENT, round);
-            NotifyWinEvent(EVENT_OBJECT_SHOW, own.hwnd, OBJID_WINDOW, CHILDID_SELF);
-            NotifyWinEvent(EVENT_SYSTEM_DIALOGSTART, own.hwnd, OBJID_WINDOW, CHILDID_SELF);
-            MSG message;
-            while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&message);
-            Sleep(50);
-        }
-    });
-    application.join();
-    const bool heard = dwtest::waitUntil([&] {
-        return !host->constructions(dwtest::EVENT_PACKAGE + "MSAAEvent").empty() || LogFile::contains(", hWnd: ", 10);
-    }, 1500);
-    EXPECT_FALSE(heard) << "an event of the own process was heard";
+    ASSERT_TRUE(dwtest::waitUntil([&] { return hookRounds() > rounds; }, 5000)) << "the hooks were not made";
+    EXPECT_TRUE(hookedSince(0).empty()) << hookedSince(0)[0].range;
 }
 
 INSTANTIATE_TEST_SUITE_P(Direct, OwnProcessWinEvents, ::testing::Values(false), modeName);
