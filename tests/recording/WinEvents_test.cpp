@@ -5,10 +5,9 @@
 // filters to filterEvent as MSAAEvent objects, on the dispatch thread, either
 // at once (no time stamp) or posted from a thread of the hooks' own (with
 // one).
-#include "DriverTest.h"
 #include "ImportPatch.h"
 #include "LogFile.h"
-#include "TargetProcess.h"
+#include "TargetTest.h"
 
 #include <algorithm>
 #include <atomic>
@@ -19,7 +18,6 @@
 
 using dwtest::DriverTest;
 using dwtest::LogFile;
-using dwtest::TargetProcess;
 
 namespace {
 
@@ -79,22 +77,16 @@ size_t hookRounds() {
     return rounds;
 }
 
-class WinEvents : public DriverTest, public ::testing::WithParamInterface<bool> {
+class WinEvents : public dwtest::TargetTest, public ::testing::WithParamInterface<bool> {
 protected:
     void SetUp() override {
-        DriverTest::SetUp();
-        ASSERT_TRUE(target.ready()) << "the target program did not start";
+        TargetTest::SetUp();
         main = target.makeWindow(L"DeskwrightTarget", L"Recorded main", {100, 100, 500, 400});
         ASSERT_NE(nullptr, main);
         marker = target.makeWindow(L"DeskwrightTarget", L"marker", {10, 10, 60, 40}, main);
         ASSERT_NE(nullptr, marker);
-        fakeuia::NodeSpec spec{.controlType = UIA_WindowControlTypeId, .name = L"Recorded main",
-                               .className = L"DeskwrightTarget", .processId = static_cast<int>(target.pid()),
-                               .nativeWindowHandle = main};
-        GetWindowRect(main, &spec.bounds);
-        platform->desktop().add(spec);
-        ASSERT_EQ(static_cast<jint>(target.pid()), attach(L"-pid " + std::to_wstring(target.pid()), 5000));
-        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000)) << "no onConnect";
+        platform->desktop().add(specOf(main, UIA_WindowControlTypeId));
+        attachToTarget();
         dispatchThread = host->calls("filterEvent").at(0).threadId;
     }
 
@@ -133,9 +125,7 @@ protected:
     // The events of one window.
     std::vector<Seen> of(HWND window) {
         std::vector<Seen> events;
-        for (const Seen& event : all()) {
-            if (event.hwnd == window) events.push_back(event);
-        }
+        for (const Seen& event : all()) if (event.hwnd == window) events.push_back(event);
         return events;
     }
     // Waits until every event that the target raised before has gone through
@@ -170,7 +160,6 @@ protected:
         return last;
     }
 
-    TargetProcess target{TargetProcess::Serving{}};
     HWND main = nullptr;
     HWND marker = nullptr;
     DWORD dispatchThread = 0;
@@ -287,9 +276,7 @@ TEST_P(WinEvents, RealMenusAndDialogsOfTheTarget) {
     ASSERT_TRUE(settle());
     const std::vector<Seen> menu = since(before);
     HWND popup = nullptr;
-    for (const Seen& event : menu) {
-        if (event.code == EVENT_OBJECT_SHOW && event.hwnd != marker) popup = event.hwnd;
-    }
+    for (const Seen& event : menu) if (event.code == EVENT_OBJECT_SHOW && event.hwnd != marker) popup = event.hwnd;
     ASSERT_NE(nullptr, popup) << "no SHOW of the menu's window: " << shown(menu);
     EXPECT_EQ(jint{EVENT_OBJECT_HIDE}, of(popup).back().code) << "the menu hid again: " << shown(of(popup));
 
