@@ -416,6 +416,7 @@ TEST_F(EventCall, AMillionEventsKeepTheLocalReferencesFlat) {
     EXPECT_EQ(size_t(total), host->callCount("filterEvent"));
     EXPECT_EQ(size_t(total / 2), host->constructionCount(EVENT + "MouseEvent"));
     EXPECT_EQ(size_t(total / 2), host->constructionCount(EVENT + "UIAutomationEvent"));
-    std::printf("%d events in %.1f s: %.0f events/s (%d-bit)\n", total, seconds, total / seconds, int(sizeof(void*) * 8));
+    std::printf("%d events in %.1f s: %.0f events/s (%d-bit)\n", total, seconds, total / seconds,
+                int(sizeof(void*) * 8));
     RecordProperty("eventsPerSecond", static_cast<int>(total / seconds));
 }

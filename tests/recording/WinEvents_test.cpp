@@ -1,6 +1,6 @@
 // The target's system window events as Java receives them: a serving target
-// process makes, shows, hides and destroys windows, opens menus and dialogs
-// and raises events of its own objects; the driver, attached to it, hooks
+// process makes, shows, hides and destroys windows and raises events of its
+// own objects; the driver, attached to it, hooks
 // them in the listener mode that Java enables and hands the survivors of its
 // filters to filterEvent as MSAAEvent objects, on the dispatch thread, either
 // at once (no time stamp) or posted from a thread of the hooks' own (with
@@ -116,12 +116,6 @@ protected:
         }
         return events;
     }
-    // The events after the first `count`.
-    std::vector<Seen> since(size_t count) {
-        std::vector<Seen> events = all();
-        events.erase(events.begin(), events.begin() + static_cast<long>(std::min(count, events.size())));
-        return events;
-    }
     // The events of one window.
     std::vector<Seen> of(HWND window) {
         std::vector<Seen> events;
@@ -148,16 +142,6 @@ protected:
     }
     std::vector<Seen> notified(HWND window, DWORD event, LONG object, LONG child) {
         return during(window, [&] { EXPECT_TRUE(target.notify(event, window, object, child)); });
-    }
-    // The thread of the hooks that started last, by its log name "t<id>".
-    static DWORD lastHooksThread() {
-        DWORD last = 0;
-        for (const dwtest::LogLine& line : LogFile::find("started", 7)) {
-            if (line.logger == "tolva.uia.UiaAutoEvents" && line.thread.size() > 1 && line.thread[0] == 't') {
-                last = static_cast<DWORD>(std::stoul(line.thread.substr(1)));
-            }
-        }
-        return last;
     }
 
     HWND main = nullptr;
@@ -265,38 +249,6 @@ TEST_P(WinEvents, FiltersChooseWhatGoesUp) {
     EXPECT_FALSE(LogFile::contains("LOCATIONCHANGE", 10));
 }
 
-// Real menus and dialogs of the target. Wine raises no MENUSTART or
-// MENUPOPUPSTART for them and no DIALOGSTART: a popup menu shows and hides
-// its window, a dialog shows its window and ends with DIALOGEND.
-TEST_P(WinEvents, RealMenusAndDialogsOfTheTarget) {
-    listen(REQUIRED);
-    ASSERT_TRUE(settle());
-    size_t before = all().size();
-    ASSERT_TRUE(target.openMenu(main));
-    ASSERT_TRUE(settle());
-    const std::vector<Seen> menu = since(before);
-    HWND popup = nullptr;
-    for (const Seen& event : menu) if (event.code == EVENT_OBJECT_SHOW && event.hwnd != marker) popup = event.hwnd;
-    ASSERT_NE(nullptr, popup) << "no SHOW of the menu's window: " << shown(menu);
-    EXPECT_EQ(jint{EVENT_OBJECT_HIDE}, of(popup).back().code) << "the menu hid again: " << shown(of(popup));
-
-    before = all().size();
-    ASSERT_TRUE(target.openDialog(main));
-    ASSERT_TRUE(settle());
-    const std::vector<Seen> dialog = since(before);
-    HWND opened = nullptr;
-    HWND ended = nullptr;
-    for (const Seen& event : dialog) {
-        if (event.code == EVENT_OBJECT_SHOW && event.hwnd != marker && !opened) opened = event.hwnd;
-        if (event.code == EVENT_SYSTEM_DIALOGEND) {
-            ended = event.hwnd;
-            EXPECT_EQ(0, event.arg);
-        }
-    }
-    EXPECT_NE(nullptr, opened) << shown(dialog);
-    EXPECT_EQ(opened, ended) << "DIALOGEND of the dialog that showed: " << shown(dialog);
-}
-
 // A foreground "XLMAIN" window holds back the creates that follow it, until
 // any other event comes.
 TEST_P(WinEvents, CreatesAfterAnExcelForegroundAreIgnored) {
@@ -386,33 +338,6 @@ TEST_P(WinEvents, TheModeChoosesTheHookedRanges) {
     }
 }
 
-// The thread of the hooks ends when the listeners change and when Java
-// detaches, and takes its hooks with it: events then come once.
-TEST_P(WinEvents, TheHooksThreadEndsOnUninstallAndDetach) {
-    const size_t started = LogFile::count("started", 7);  // the thread of the connection's mode
-    listen(REQUIRED | ON_THREAD);
-    ASSERT_TRUE(dwtest::waitUntil([&] { return LogFile::count("started", 7) > started; }, 5000));
-    HANDLE thread = OpenThread(SYNCHRONIZE, FALSE, lastHooksThread());
-    ASSERT_NE(nullptr, thread);
-    EXPECT_EQ("[0x8000 arg 1]", shown(notified(main, EVENT_OBJECT_CREATE, OBJID_CLIENT, 1)));
-
-    listen(REQUIRED);  // the thread mode of the test
-    EXPECT_EQ(onThread() ? WAIT_TIMEOUT : WAIT_OBJECT_0, WaitForSingleObject(thread, onThread() ? 300 : 5000))
-        << "the first thread of the hooks";
-    CloseHandle(thread);
-    EXPECT_EQ("[0x8000 arg 2]", shown(notified(main, EVENT_OBJECT_CREATE, OBJID_CLIENT, 2))) << "once, not twice";
-
-    const size_t before = LogFile::count("started", 7);
-    listen(REQUIRED | ON_THREAD | THIN);
-    ASSERT_TRUE(dwtest::waitUntil([&] { return LogFile::count("started", 7) > before; }, 5000));
-    thread = OpenThread(SYNCHRONIZE, FALSE, lastHooksThread());
-    ASSERT_NE(nullptr, thread);
-    EXPECT_EQ("[0x8000 arg 3]", shown(notified(main, EVENT_OBJECT_CREATE, OBJID_CLIENT, 3))) << "once, not twice";
-    detachAndWait();
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 5000)) << "the thread of the hooks outlived the detach";
-    CloseHandle(thread);
-}
-
 // A target that takes no message for a while holds neither the dispatch
 // thread nor the event: Java's calls go on, and the event goes up before the
 // target wakes.
@@ -430,26 +355,29 @@ TEST_P(WinEvents, ABusyTargetHoldsNothingUp) {
     EXPECT_GT(1000u, took) << "Java waited for the busy target";
 }
 
-// Leaving the thread mode right after entering it, before the new thread
-// could have begun, still ends that thread: no hook is left behind to report
-// the target's events twice.
-TEST_P(WinEvents, LeavingTheThreadModeAtOnceLeavesNoThread) {
+// Every change of the mode ends the thread of the hooks, also one made right
+// after entering the thread mode, before the new thread could have begun; a
+// detach ends the last. No hook is left behind to report an event twice.
+TEST_P(WinEvents, TheThreadsOfTheHooksEndOnEveryChangeAndOnDetach) {
     for (int round = 0; round < 8; ++round) {
         native<void>("EnableEventListeners", jint(REQUIRED | ON_THREAD | (round % 2 ? THIN : 0)));
         native<void>("EnableEventListeners", jint(REQUIRED | (round % 2 ? THIN : 0)));
     }
     listen(REQUIRED);
     EXPECT_EQ("[0x8000 arg 1]", shown(notified(main, EVENT_OBJECT_CREATE, OBJID_CLIENT, 1))) << "once, not twice";
-    std::vector<DWORD> threads;
+    std::vector<HANDLE> threads;  // those not ended and gone yet, by their log names "t<id>"
+    size_t started = 0;
     for (const dwtest::LogLine& line : LogFile::find("started", 7)) {
-        if (line.logger == "tolva.uia.UiaAutoEvents") threads.push_back(std::stoul(line.thread.substr(1)));
+        if (line.logger != "tolva.uia.UiaAutoEvents") continue;
+        ++started;
+        const DWORD id = std::stoul(line.thread.substr(1));
+        HANDLE thread = OpenThread(SYNCHRONIZE | THREAD_QUERY_LIMITED_INFORMATION, FALSE, id);
+        if (thread) threads.push_back(thread);
     }
-    EXPECT_LE(8u, threads.size());
-    if (onThread()) threads.pop_back();  // the thread of the mode that stands
-    for (DWORD id : threads) {
-        HANDLE thread = OpenThread(SYNCHRONIZE, FALSE, id);
-        if (!thread) continue;  // ended and gone
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 2000)) << "thread " << id << " of the hooks lives on";
+    EXPECT_LE(8u, started);
+    detachAndWait();
+    for (HANDLE thread : threads) {
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 2000)) << "thread " << GetThreadId(thread) << " lives on";
         CloseHandle(thread);
     }
 }
