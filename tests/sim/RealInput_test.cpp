@@ -83,6 +83,11 @@ protected:
         }
         return lines;
     }
+    // Forgets the input so far and what the target's windows received.
+    void drain() {
+        RealInputTest::drain();
+        target.received();
+    }
     // A point of the window's client area as the window itself names it.
     static std::string client(HWND window, POINT screen) {
         ScreenToClient(window, &screen);

@@ -76,11 +76,11 @@ protected:
         edit = target.makeWindow(L"Edit", L"", {20, 80, 300, 110}, main);
         ASSERT_NE(nullptr, edit);
     }
-    // Waits until the input so far has passed the hooks, then forgets it and
-    // what the target's windows received.
+    // Waits until the input so far has passed the hooks, then forgets it.
+    // (It doesn't ask the target: a right click on its Edit opens a context
+    // menu, whose loop leaves the target's requests unanswered.)
     void drain() {
         recorder.settle();
-        target.received();
         recorder.clear();
     }
 
