@@ -113,9 +113,7 @@ struct Wire {
         write(client().setupReturn());
         client().sendReturn();
         Bytes bytes = driver().takeNext();
-        if (change) {
-            change(bytes);
-        }
+        if (change) change(bytes);
         driver().inject(bytes);
         driver().readAndDispatch(nullptr, 0);
     }
@@ -165,24 +163,10 @@ const BadRecord BAD_RECORDS[] = {
 
 }  // namespace
 
-TEST(EventRecords, ClientRecordsReadBackFieldForField) {
-    for (const ClientRecord& record : CLIENT_RECORDS) {
-        Wire wire;
-        wire.deliver([&record](ShmQueue& q) { writeClientForm(q, record); });
-        std::unique_ptr<WinClientEvent> event = WinClientEvent::readEvent(wire.driver());
-        ASSERT_TRUE(event) << record.name;
-        EXPECT_EQ(*record.recordClass, typeid(*event)) << record.name;
-        EXPECT_EQ(record.type, event->type) << record.name;
-        EXPECT_EQ(record.handle, event->handle) << record.name;
-        EXPECT_EQ(record.code, event->code) << record.name;
-        EXPECT_EQ(0, event->timestamp) << record.name << ": a record from the client has no time stamp";
-        EXPECT_EQ(show(record.fields), show(fieldsOf(*event))) << record.name;
-        int rest;
-        EXPECT_NE("", failureOf([&] { wire.driver() >> rest; })) << record.name << ": the record is read to its end";
-    }
-}
-
 // write puts the time stamp after the code; the fields of the kind follow.
+// Fed back to readEvent, the time stamp stands where the reader wants the
+// first field of the kind, and the reader says so; a record without fields
+// reads, but loses its time stamp, which stays unread in the message.
 TEST(EventRecords, WriteSendsTheTimestampAfterTheCode) {
     const std::int64_t stamp = 1700000000123LL;
     MouseEvent mouse(-5, 513, 10, 20, 110, 220, 1, 16, stamp);
@@ -191,6 +175,8 @@ TEST(EventRecords, WriteSendsTheTimestampAfterTheCode) {
     MSAAEvent msaa(32768, 0x1234, -4, stamp);
     MSAAEvent unstamped(32769, 1, 2);
     ChangeEvent change;
+    change.handle = 4;
+    change.code = 8;
     WinClientEvent trigger(EVENT_CALLBACK, 0, 0);
     const WinClientEvent* records[] = {&mouse, &key, &automation, &msaa, &unstamped, &change, &trigger};
     for (const WinClientEvent* record : records) {
@@ -210,28 +196,11 @@ TEST(EventRecords, WriteSendsTheTimestampAfterTheCode) {
             std::visit([&wire](auto& value) { wire.driver() >> value; }, field);
         }
         EXPECT_EQ(show(fieldsOf(*record)), show(fields)) << type;
-    }
-}
-
-// A record's own write fed back to readEvent: the time stamp stands where
-// the reader wants the first field of the kind, and the reader says so. A
-// record without fields reads, but loses its time stamp.
-TEST(EventRecords, OwnWriteFedToReadEventIsMisread) {
-    const std::int64_t stamp = 1700000000999LL;
-    MouseEvent mouse(1, 512, 1, 2, 3, 4, 0, 0, stamp);
-    KeyEvent key(1, 256, 65, 65, true, true, true, stamp);
-    UIAutomationEvent automation(1, 4096, 30005, L"x", stamp);
-    MSAAEvent msaa(32768, 1, 2, stamp);
-    for (const WinClientEvent* record : std::initializer_list<const WinClientEvent*>{&mouse, &key, &automation, &msaa}) {
-        Wire wire;
+        if (fields.empty()) continue;
         wire.deliver([record](ShmQueue& q) { record->write(q); });
         EXPECT_EQ("Expected int but found 64-bit int at byte 25",
-                  failureOf([&] { WinClientEvent::readEvent(wire.driver()); }))
-            << record->type;
+                  failureOf([&] { WinClientEvent::readEvent(wire.driver()); })) << type;
     }
-    ChangeEvent change;
-    change.handle = 4;
-    change.code = 8;
     change.timestamp = stamp;
     Wire wire;
     wire.deliver([&change](ShmQueue& q) { change.write(q); });
@@ -301,9 +270,7 @@ TEST(EventRecords, FuzzedMessagesNeverCrashTheReader) {
             std::unique_ptr<WinClientEvent> event = WinClientEvent::readEvent(wire.driver());
             ASSERT_TRUE(event);
             const ClientRecord* known = nullptr;
-            for (const ClientRecord& record : CLIENT_RECORDS) {
-                known = record.type == event->type ? &record : known;
-            }
+            for (const ClientRecord& record : CLIENT_RECORDS) known = record.type == event->type ? &record : known;
             EXPECT_EQ(known ? *known->recordClass : typeid(WinClientEvent), typeid(*event)) << round;
             ++read;
         } catch (const ShmException&) {
@@ -335,9 +302,7 @@ protected:
         write(wire.client().setupCall(target));
         wire.client().send();
         Bytes bytes = wire.driver().takeNext();
-        if (change) {
-            change(bytes);
-        }
+        if (change) change(bytes);
         wire.driver().inject(bytes);
         wire.driver().readAndDispatch(nullptr, 0);
         wire.client().readAndDispatch(nullptr, 0);
@@ -350,17 +315,11 @@ protected:
     // The Java arguments that the record's event gets, "I:202 J:-5 ...".
     std::string expectedArgs(const ClientRecord& record, bool stamped) {
         const std::string java = record.javaClass;
-        if (java == "CallbackEvent") {
-            return "";
-        }
+        if (java == "CallbackEvent") return "";
         std::string out = "I:" + std::to_string(record.type) + " ";
-        if (java != "MSAAEvent") {
-            out += "J:" + std::to_string(record.handle) + " ";
-        }
+        if (java != "MSAAEvent") out += "J:" + std::to_string(record.handle) + " ";
         out += "I:" + std::to_string(record.code) + " ";
-        if (java == "ChangeEvent") {
-            return out;
-        }
+        if (java == "ChangeEvent") return out;
         return out + show(record.fields) + (stamped ? "J:0 " : "");
     }
     std::string shownArgs(const jnihost::Construction& made) {
@@ -375,69 +334,64 @@ protected:
         }
         return out;
     }
-    // Every client record through call, then every bad one: each answered 0;
-    // each good one reaches filterEvent as its Java class, in order.
-    void recordsReachJava(bool stamped) {
-        connect(jnihost::JavaHost::Options{stamped});
-        std::vector<std::string> answers;
-        onAttachedThread([&](EventFilter& filter) {
-            filter.checkEventConstructor();
-            Wire wire;
-            void* target = handOut(wire);
-            for (const ClientRecord& record : CLIENT_RECORDS) {
-                const int answer = callFilter(wire, target, [&record](ShmQueue& q) { writeClientForm(q, record); });
-                answers.push_back(std::string(record.name) + "=" + std::to_string(answer));
-            }
-            for (const BadRecord& bad : BAD_RECORDS) {
-                answers.push_back(std::string(bad.name) + "=" + std::to_string(callFilter(wire, target, bad.write, bad.change)));
-            }
-            // The queue's thread serves on after them.
-            answers.push_back("after=" + std::to_string(callFilter(wire, target, [](ShmQueue& q) {
-                writeClientForm(q, CLIENT_RECORDS[7]);
-            })));
-        });
-        ASSERT_EQ(std::size(CLIENT_RECORDS) + std::size(BAD_RECORDS) + 1, answers.size());
-        for (const std::string& answer : answers) {
-            EXPECT_EQ('0', answer.back()) << answer;
-        }
-        EXPECT_EQ(stamped, EventFilter::getInstance().timestampedEvents());
-
-        std::vector<std::string> expected, filtered;
-        std::vector<jnihost::Construction> made;
-        for (const jnihost::Construction& construction : host->constructions()) {
-            if (construction.className.rfind(EVENT, 0) == 0) {
-                made.push_back(construction);
-            }
-        }
-        for (const jnihost::Call& call : host->calls("filterEvent")) {
-            filtered.push_back(host->classNameOf(call.args[0].l).substr(EVENT.size()));
-        }
-        size_t at = 0;
-        for (const ClientRecord& record : CLIENT_RECORDS) {
-            if (!record.javaClass) {
-                continue;
-            }
-            expected.push_back(record.javaClass);
-            ASSERT_LT(at, made.size()) << record.name;
-            EXPECT_EQ(EVENT + record.javaClass, made[at].className) << record.name;
-            EXPECT_EQ(expectedArgs(record, stamped), shownArgs(made[at])) << record.name << " " << made[at].signature;
-            ++at;
-        }
-        expected.push_back("ChangeEvent");  // the one after the bad records
-        EXPECT_EQ(expected, filtered);
-        EXPECT_EQ(expected.size(), made.size()) << "no bad record makes a Java event";
-    }
 };
 
 }  // namespace
 
-TEST_F(EventCall, RecordsReachJavaWithTimestampedConstructorsAndTheClientGetsZero) {
-    recordsReachJava(true);
+// With and without the time-stamped constructors of the host, each in a
+// process of its own: the filter learns the host's constructors once.
+class EventCallModes : public EventCall, public ::testing::WithParamInterface<bool> {};
+
+// Every client record through call, then every bad one: each answered 0;
+// each good one reaches filterEvent as its Java class, in order.
+TEST_P(EventCallModes, RecordsReachJavaAndTheClientGetsZero) {
+    const bool stamped = GetParam();
+    connect(jnihost::JavaHost::Options{stamped});
+    std::vector<std::string> answers;
+    onAttachedThread([&](EventFilter& filter) {
+        filter.checkEventConstructor();
+        Wire wire;
+        void* target = handOut(wire);
+        for (const ClientRecord& record : CLIENT_RECORDS) {
+            const int answer = callFilter(wire, target, [&record](ShmQueue& q) { writeClientForm(q, record); });
+            answers.push_back(std::string(record.name) + "=" + std::to_string(answer));
+        }
+        for (const BadRecord& bad : BAD_RECORDS) {
+            answers.push_back(std::string(bad.name) + "=" + std::to_string(callFilter(wire, target, bad.write, bad.change)));
+        }
+        // The queue's thread serves on after them.
+        answers.push_back("after=" + std::to_string(callFilter(wire, target, [](ShmQueue& q) {
+            writeClientForm(q, CLIENT_RECORDS[7]);
+        })));
+    });
+    ASSERT_EQ(std::size(CLIENT_RECORDS) + std::size(BAD_RECORDS) + 1, answers.size());
+    for (const std::string& answer : answers) EXPECT_EQ('0', answer.back()) << answer;
+    EXPECT_EQ(stamped, EventFilter::getInstance().timestampedEvents());
+
+    std::vector<std::string> expected, filtered;
+    std::vector<jnihost::Construction> made;
+    for (const jnihost::Construction& construction : host->constructions()) {
+        if (construction.className.rfind(EVENT, 0) == 0) made.push_back(construction);
+    }
+    for (const jnihost::Call& call : host->calls("filterEvent")) {
+        filtered.push_back(host->classNameOf(call.args[0].l).substr(EVENT.size()));
+    }
+    size_t at = 0;
+    for (const ClientRecord& record : CLIENT_RECORDS) {
+        if (!record.javaClass) continue;
+        expected.push_back(record.javaClass);
+        ASSERT_LT(at, made.size()) << record.name;
+        EXPECT_EQ(EVENT + record.javaClass, made[at].className) << record.name;
+        EXPECT_EQ(expectedArgs(record, stamped), shownArgs(made[at])) << record.name << " " << made[at].signature;
+        ++at;
+    }
+    expected.push_back("ChangeEvent");  // the one after the bad records
+    EXPECT_EQ(expected, filtered);
+    EXPECT_EQ(expected.size(), made.size()) << "no bad record makes a Java event";
 }
 
-TEST_F(EventCall, RecordsReachJavaWithShortConstructorsAndTheClientGetsZero) {
-    recordsReachJava(false);
-}
+INSTANTIATE_TEST_SUITE_P(Timestamped, EventCallModes, ::testing::Values(true));
+INSTANTIATE_TEST_SUITE_P(Short, EventCallModes, ::testing::Values(false));
 
 // A long recording: a million events leave the attached thread with as many
 // live local references as after ten thousand.
@@ -447,26 +401,22 @@ TEST_F(EventCall, AMillionEventsKeepTheLocalReferencesFlat) {
     connect(options);
     const int total = 1000000, early = 10000;
     size_t afterEarly = 0, afterAll = 0;
-    double seconds = 0;
+    const auto start = std::chrono::steady_clock::now();
     onAttachedThread([&](EventFilter& filter) {
         MouseEvent mouse(5, 513, 1, 2, 3, 4, 0, 16, 1700000000000LL);
         UIAutomationEvent automation(6, 4096, 30005, L"value", 1700000000000LL);
-        const auto start = std::chrono::steady_clock::now();
         for (int i = 1; i <= total; ++i) {
             filter.callJava(i % 2 ? static_cast<WinClientEvent*>(&mouse) : &automation);
-            if (i == early) {
-                afterEarly = host->localRefCount();
-            }
+            if (i == early) afterEarly = host->localRefCount();
         }
-        seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         afterAll = host->localRefCount();
     });
-    EXPECT_EQ(afterEarly, afterAll);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(afterEarly, afterAll) << "live local references after " << early << " and after " << total;
     EXPECT_EQ(size_t(total), host->callCount("filterEvent"));
     EXPECT_EQ(size_t(total / 2), host->constructionCount(EVENT + "MouseEvent"));
     EXPECT_EQ(size_t(total / 2), host->constructionCount(EVENT + "UIAutomationEvent"));
-    std::printf("%d events in %.1f s: %.0f events/s (%d-bit); live local references %u after %d, %u after %d\n", total,
-                seconds, total / seconds, int(sizeof(void*) * 8), unsigned(afterEarly), early, unsigned(afterAll),
-                total);
+    std::printf("%d events in %.1f s: %.0f events/s (%d-bit)\n", total, seconds, total / seconds,
+                int(sizeof(void*) * 8));
     RecordProperty("eventsPerSecond", static_cast<int>(total / seconds));
 }

@@ -78,9 +78,7 @@ TEST_F(HostBridge, ManyEventsCostTheDispatchThreadNoMemory) {
                  });
     attachToSelf();
     const size_t triggers = 1000;
-    for (size_t i = 0; i < triggers; ++i) {
-        native<void>("TriggerThread");
-    }
+    for (size_t i = 0; i < triggers; ++i) native<void>("TriggerThread");
     ASSERT_TRUE(host->waitForCalls("filterEvent", 1 + triggers, 60000));
     ASSERT_TRUE(dwtest::waitUntil([&] { std::lock_guard<std::mutex> lock(mutex); return locals.size() > triggers; },
                                   5000));

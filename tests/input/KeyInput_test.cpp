@@ -62,19 +62,16 @@ protected:
     }
 };
 
-// The virtual keys that need the extended flag, and two that don't.
+// The first and the last of the virtual keys that need the extended flag,
+// one between, and two that don't.
 struct ExtendedRow {
     jint key;
     UINT scan;
     bool extended;
 };
 
-const ExtendedRow EXTENDED_ROWS[] = {
-    {VK_LEFT, 0x4b, true},     {VK_RIGHT, 0x4d, true},  {VK_DOWN, 0x50, true},    {VK_UP, 0x48, true},
-    {VK_INSERT, 0x52, true},   {VK_DELETE, 0x53, true}, {VK_HOME, 0x47, true},    {VK_END, 0x4f, true},
-    {VK_NEXT, 0x51, true},     {VK_PRIOR, 0x49, true},  {VK_SNAPSHOT, 0x54, true}, {VK_NUMLOCK, 0x45, true},
-    {VK_RETURN, 0x1c, false},  {'A', 0x1e, false},
-};
+const ExtendedRow EXTENDED_ROWS[] = {{VK_LEFT, 0x4b, true},   {VK_DELETE, 0x53, true}, {VK_NUMLOCK, 0x45, true},
+                                     {VK_RETURN, 0x1c, false}, {'A', 0x1e, false}};
 
 void PrintTo(const ExtendedRow& row, std::ostream* out) { *out << "key 0x" << std::hex << row.key; }
 

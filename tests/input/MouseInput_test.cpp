@@ -123,9 +123,7 @@ protected:
 TEST_P(MouseSequences, CallByCall) {
     const MouseRow& row = GetParam();
     std::vector<size_t> before;
-    for (const char* warning : WARNINGS) {
-        before.push_back(dwtest::LogFile::count(warning, 3));
-    }
+    for (const char* warning : WARNINGS) before.push_back(dwtest::LogFile::count(warning, 3));
     calls->cursor = row.cursor;
     EXPECT_EQ(row.calls, mouse(handleOf(row.target), row.id, row.button, row.x, row.y, row.modifiers, row.count));
     for (size_t i = 0; i < before.size(); ++i) {
@@ -174,9 +172,7 @@ TEST_F(InputOnElements, TheDelaysAreReadAtEachCall) {
     EXPECT_EQ(expected("0", "0", "12"), mouse(button, 500, 0, 10, 5, 0, 2)) << "the empty text is 0";
     setPreference(MULTICLICK, L"-5");
     EXPECT_EQ(expected("0", "0", "0"), mouse(button, 500, 0, 10, 5, 0, 2)) << "a negative delay waits for nothing";
-    for (const wchar_t* key : {MOVED, PRESSED, MULTICLICK}) {
-        erasePreference(key);
-    }
+    for (const wchar_t* key : {MOVED, PRESSED, MULTICLICK}) erasePreference(key);
     EXPECT_EQ(expected("50", "25", "150"), mouse(button, 500, 0, 10, 5, 0, 2)) << "the defaults again";
 }
 

@@ -4,10 +4,8 @@
 // from the events the host constructed. The driver's imports of the hook
 // functions and of its clock are taken over, so that a test can time the
 // mouse hook, see the hook thread and its hooks, and step the clock.
-#include "DriverTest.h"
 #include "ImportPatch.h"
-#include "InputRecorder.h"
-#include "TargetProcess.h"
+#include "TargetTest.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,9 +13,9 @@
 #include <map>
 #include <mutex>
 
-using dwtest::DriverTest;
 using dwtest::InputEvent;
-using dwtest::TargetProcess;
+using dwtest::joined;
+using dwtest::screenOf;
 
 namespace {
 
@@ -134,37 +132,15 @@ void stroke(WORD vk) {
     keyInput(vk, true);
 }
 
-std::string joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines) text += (text.empty() ? "" : " | ") + line;
-    return text;
-}
-
-// A modifier key as the hook may name it, sideless.
-jint sideless(jint vk) {
-    switch (vk) {
-    case VK_LSHIFT: case VK_RSHIFT: return VK_SHIFT;
-    case VK_LCONTROL: case VK_RCONTROL: return VK_CONTROL;
-    case VK_LMENU: case VK_RMENU: return VK_MENU;
-    default: return vk;
-    }
-}
-
-class InputHooks : public DriverTest {
+class InputHooks : public dwtest::RealInputTest {
 protected:
     void SetUp() override {
-        DriverTest::SetUp();
+        RealInputTest::SetUp();
         setHookPatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "SetWindowsHookExW",
                                                              reinterpret_cast<void*>(&setHook));
         unhookPatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "UnhookWindowsHookEx",
                                                             reinterpret_cast<void*>(&unhook));
         ASSERT_TRUE(setHookPatch->applied() && unhookPatch->applied()) << "the driver imports no hook functions";
-        ASSERT_TRUE(target.ready()) << "the target program did not start";
-        ASSERT_TRUE(recorder.ok()) << "the test's own hooks are not in place";
-        main = target.makeWindow(L"DeskwrightTarget", L"Input target", {200, 150, 600, 450});
-        ASSERT_NE(nullptr, main);
-        edit = target.makeWindow(L"Edit", L"", {20, 80, 300, 110}, main);
-        ASSERT_NE(nullptr, edit);
         fakeuia::Node& window = platform->desktop().add(specOf(main, UIA_WindowControlTypeId));
         editNode = &window.add(specOf(edit, UIA_EditControlTypeId));
         // Elements of another process: under the target's window (as of a
@@ -172,8 +148,7 @@ protected:
         // where no real window stands.
         childNode = &window.add(foreignSpec(UIA_PaneControlTypeId, {210, 400, 300, 440}));
         platform->desktop().add(foreignSpec(UIA_WindowControlTypeId, {650, 150, 850, 300}));
-        ASSERT_EQ(static_cast<jint>(target.pid()), attach(L"-pid " + std::to_wstring(target.pid()), 5000));
-        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000)) << "no onConnect";
+        attachToTarget();
         native<void>("EnableEventListeners", LISTEN_INPUT);
         const jlong top = toplevels().at(0);
         names[top] = "main";
@@ -197,32 +172,10 @@ protected:
         books.unhooked.clear();
     }
     static fakeuia::NodeSpec foreignSpec(CONTROLTYPEID type, RECT bounds) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        spec.processId = static_cast<int>(GetCurrentProcessId());
-        spec.bounds = bounds;
-        return spec;
+        return {.controlType = type, .processId = static_cast<int>(GetCurrentProcessId()), .bounds = bounds};
     }
 
-    fakeuia::NodeSpec specOf(HWND window, CONTROLTYPEID type) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        wchar_t text[256] = {};
-        GetClassNameW(window, text, 256);
-        spec.className = text;
-        spec.processId = static_cast<int>(target.pid());
-        GetWindowRect(window, &spec.bounds);
-        spec.nativeWindowHandle = window;
-        return spec;
-    }
-    static POINT screenOf(HWND window, POINT relative) {
-        RECT rect{};
-        GetWindowRect(window, &rect);
-        return {rect.left + relative.x, rect.top + relative.y};
-    }
-
-    // Waits until the input has passed the hooks; then forgets it.
-    void drain() { settled(); }
+    // The input that has passed the hooks; forgotten then.
     std::vector<InputEvent> settled() {
         const std::vector<InputEvent> events = recorder.settle();
         recorder.clear();
@@ -272,7 +225,7 @@ protected:
         for (const jnihost::Construction& made : newEvents(KEY_CLASS, seenKeys, expected)) {
             const std::vector<jnihost::Value>& a = made.args;
             char vk[8];
-            std::snprintf(vk, sizeof vk, "0x%02X", static_cast<unsigned>(sideless(a[3].i)));
+            std::snprintf(vk, sizeof vk, "0x%02X", static_cast<unsigned>(dwtest::sideless(a[3].i)));
             const jint c = a[4].i;
             std::string line = std::to_string(a[2].i) + " " + nameOf(a[1].j) + " vk " + vk + " " +
                                (c >= 0x20 && c < 0x7F ? "'" + std::string(1, static_cast<char>(c)) + "'"
@@ -286,10 +239,6 @@ protected:
     }
 
     std::unique_ptr<dwtest::ImportPatch> setHookPatch, unhookPatch;
-    dwtest::InputRestorer restorer;  // ends after the recorder: its own input isn't recorded
-    dwtest::InputRecorder recorder;
-    TargetProcess target{TargetProcess::Serving{}};
-    HWND main = nullptr, edit = nullptr;
     fakeuia::Node* editNode = nullptr;
     fakeuia::Node* childNode = nullptr;
     std::map<jlong, std::string> names;
@@ -513,9 +462,7 @@ TEST_F(InputHooks, MouseHookNeverWaitsForJava) {
     const int clicks = 20;
     Sleep(250);  // the move goes up: 200 ticks after any other
     mouseAt(screenOf(edit, {30, 12}));
-    for (int i = 0; i < clicks; ++i) {
-        click();
-    }
+    for (int i = 0; i < clicks; ++i) click();
     const std::vector<InputEvent> input = settled();
     const int64_t injected = std::count_if(input.begin(), input.end(), [](const InputEvent& e) { return e.isButton(); });
     ASSERT_EQ(2 * clicks, injected);

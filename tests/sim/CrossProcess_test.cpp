@@ -3,22 +3,18 @@
 // driver's window messages (WM_GETTEXT, WM_SETTEXT, ...) cross the process
 // boundary, and elements and the elements made from window handles meet
 // real windows of a real process.
-#include "DriverTest.h"
-#include "TargetProcess.h"
+#include "TargetTest.h"
 
 #include <algorithm>
 
-using dwtest::DriverTest;
 using dwtest::java;
-using dwtest::TargetProcess;
 
 namespace {
 
-class CrossProcess : public DriverTest {
+class CrossProcess : public dwtest::TargetTest {
 protected:
     void SetUp() override {
-        DriverTest::SetUp();
-        ASSERT_TRUE(target.ready()) << "the target program did not start";
+        TargetTest::SetUp();
         main = target.makeWindow(L"DeskwrightTarget", L"Remote main", {100, 100, 500, 400});
         ASSERT_NE(nullptr, main);
         edit = target.makeWindow(L"Edit", L"remote text", {10, 10, 210, 40}, main);
@@ -26,25 +22,11 @@ protected:
         ASSERT_TRUE(edit && button);
         // The window's own name is empty in the tree: the driver asks the window.
         mainNode = &platform->desktop().add(specOf(main, UIA_WindowControlTypeId, L""));
-        mainNode->add(specOf(edit, UIA_EditControlTypeId, L"remote text"));
-        mainNode->add(specOf(button, UIA_ButtonControlTypeId, L"Press"));
-    }
-    fakeuia::NodeSpec specOf(HWND window, CONTROLTYPEID type, const std::wstring& name) {
-        wchar_t className[256] = {};
-        GetClassNameW(window, className, 256);
-        fakeuia::NodeSpec spec{.controlType = type, .name = name, .className = className,
-                               .processId = static_cast<int>(target.pid()), .nativeWindowHandle = window};
-        GetWindowRect(window, &spec.bounds);
-        return spec;
+        mainNode->add(specOf(edit, UIA_EditControlTypeId));
+        mainNode->add(specOf(button, UIA_ButtonControlTypeId));
     }
     std::wstring text(jstring value) { return host->isNull(value) ? L"<null>" : host->text(value); }
-    void attachByPid() {
-        ASSERT_EQ(static_cast<jint>(target.pid()),
-                  attach(L"-pid " + std::to_wstring(target.pid()), 5000));
-        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000)) << "no onConnect";
-    }
 
-    TargetProcess target{TargetProcess::Serving{}};
     HWND main = nullptr;
     HWND edit = nullptr;
     HWND button = nullptr;
@@ -68,7 +50,7 @@ TEST_F(CrossProcess, WindowNativesReachTheOtherProcess) {
 }
 
 TEST_F(CrossProcess, ElementsNameTheirRemoteWindows) {
-    attachByPid();
+    attachToTarget();
     std::vector<jlong> tops = toplevels();
     ASSERT_EQ(1u, tops.size());
     EXPECT_EQ(java(main), native<jlong>("GetNativeHandle", tops[0]));
@@ -87,7 +69,7 @@ TEST_F(CrossProcess, WindowsWithoutNodesAreElementsOfTheirHandles) {
     HWND plain = target.makeWindow(L"DeskwrightTarget", L"Unmodelled", {150, 150, 450, 350});
     ASSERT_NE(nullptr, plain);
     SetEnvironmentVariableW(L"CUEBENCH_WIN_VIA_HWND", L"true");
-    attachByPid();
+    attachToTarget();
     std::vector<jlong> tops = toplevels();
     ASSERT_EQ(2u, tops.size());
     std::vector<jlong> windows;

@@ -3,19 +3,17 @@
 // a serving target process tells what its windows received, and low-level
 // hooks in this process record what the system's input queue carried and
 // when.
-#include "DriverTest.h"
-#include "InputRecorder.h"
-#include "TargetProcess.h"
+#include "TargetTest.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cwchar>
 #include <map>
 
-using dwtest::DriverTest;
 using dwtest::InputEvent;
+using dwtest::joined;
+using dwtest::screenOf;
 using dwtest::TargetProcess;
 
 namespace {
@@ -29,74 +27,38 @@ const double TOLERANCE_MS = 5.0;
 // missing delay of the preferences measured is 20 ms off or more.
 const double LATE_MS = 12.0;
 
-// The hook may name the side of a modifier key; the windows get it sideless.
-DWORD sideless(DWORD vk) {
-    switch (vk) {
-    case VK_LSHIFT: case VK_RSHIFT: return VK_SHIFT;
-    case VK_LCONTROL: case VK_RCONTROL: return VK_CONTROL;
-    case VK_LMENU: case VK_RMENU: return VK_MENU;
-    default: return vk;
-    }
-}
-
-std::string joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines) text += (text.empty() ? "" : " | ") + line;
-    return text;
-}
-
 // The hook's events other than moves, shown.
 std::vector<std::string> keysAndButtons(const std::vector<InputEvent>& events) {
     std::vector<std::string> shown;
     for (const InputEvent& event : events) {
         if (event.isMove()) continue;
         InputEvent plain = event;
-        if (plain.isKey()) plain.vk = sideless(plain.vk);
+        if (plain.isKey()) plain.vk = dwtest::sideless(plain.vk);
         shown.push_back(plain.show());
     }
     return shown;
 }
 
-class RealInput : public DriverTest {
+class RealInput : public dwtest::RealInputTest {
 protected:
     void SetUp() override {
-        DriverTest::SetUp();
-        ASSERT_TRUE(target.ready()) << "the target program did not start";
-        ASSERT_TRUE(recorder.ok()) << "the low-level hooks are not in place";
-        main = target.makeWindow(L"DeskwrightTarget", L"Input target", {200, 150, 600, 450});
-        ASSERT_NE(nullptr, main);
+        RealInputTest::SetUp();
         button = target.makeWindow(L"Button", L"Press", {20, 20, 140, 60}, main);
-        edit = target.makeWindow(L"Edit", L"", {20, 80, 300, 110}, main);
-        ASSERT_TRUE(button && edit);
+        ASSERT_NE(nullptr, button);
         fakeuia::Node& window = platform->desktop().add(specOf(main, UIA_WindowControlTypeId));
         window.add(specOf(button, UIA_ButtonControlTypeId));
         window.add(specOf(edit, UIA_EditControlTypeId));
-        ASSERT_EQ(static_cast<jint>(target.pid()), attach(L"-pid " + std::to_wstring(target.pid()), 5000));
-        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000)) << "no onConnect";
+        attachToTarget();
         // The recorder listens to nothing here: its input hooks stand in the
         // chain of every injected event and would lengthen the gaps measured.
         native<void>("EnableEventListeners", jint{0});
-        handles[main] = host->longs(native<jlongArray>("GetToplevels")).at(0);
-        const std::vector<jlong> children = host->longs(native<jlongArray>("GetChildren", handles[main]));
-        ASSERT_EQ(2u, children.size());
-        handles[button] = children[0];
-        handles[edit] = children[1];
+        handles[main] = toplevels().at(0);
+        const std::vector<jlong> inside = children(handles[main]);
+        ASSERT_EQ(2u, inside.size());
+        handles[button] = inside[0];
+        handles[edit] = inside[1];
         SetCursorPos(5, 5);
         drain();
-    }
-
-    fakeuia::NodeSpec specOf(HWND window, CONTROLTYPEID type) {
-        fakeuia::NodeSpec spec;
-        spec.controlType = type;
-        wchar_t text[256] = {};
-        GetClassNameW(window, text, 256);
-        spec.className = text;
-        InternalGetWindowText(window, text, 256);
-        spec.name = text;
-        spec.processId = static_cast<int>(target.pid());
-        GetWindowRect(window, &spec.bounds);
-        spec.nativeWindowHandle = window;
-        return spec;
     }
 
     void mouse(HWND window, jint id, jint which, POINT at, jint modifiers = 0, jint count = 1) {
@@ -121,26 +83,18 @@ protected:
         }
         return lines;
     }
+    // Forgets the input so far and what the target's windows received.
     void drain() {
-        recorder.settle();
+        RealInputTest::drain();
         target.received();
-        recorder.clear();
     }
     // A point of the window's client area as the window itself names it.
     static std::string client(HWND window, POINT screen) {
         ScreenToClient(window, &screen);
         return std::to_string(screen.x) + "," + std::to_string(screen.y);
     }
-    static POINT screenOf(HWND window, POINT relative) {
-        RECT rect{};
-        GetWindowRect(window, &rect);
-        return {rect.left + relative.x, rect.top + relative.y};
-    }
 
-    dwtest::InputRestorer restorer;  // ends after the recorder: its own input isn't recorded
-    dwtest::InputRecorder recorder;
-    TargetProcess target{TargetProcess::Serving{}};
-    HWND main = nullptr, button = nullptr, edit = nullptr;
+    HWND button = nullptr;
     std::map<HWND, jlong> handles;
 };
 
@@ -235,9 +189,7 @@ TEST_F(RealInput, MoveGlidesInStepsOfTenPixelsToThePoint) {
     }
     EXPECT_EQ("WM_MOUSEMOVE " + std::to_string(screen.x) + "," + std::to_string(screen.y), events.back().show());
     std::string last;
-    for (const TargetProcess::Received& line : target.received()) {
-        if (line.window == main) last = line.what;
-    }
+    for (const TargetProcess::Received& line : target.received()) if (line.window == main) last = line.what;
     EXPECT_EQ("WM_MOUSEMOVE " + client(main, screen), last);
 }
 
@@ -252,9 +204,7 @@ TEST_F(RealInput, TypedCharactersAndEditingKeysReachTheEdit) {
     const std::vector<std::string> lines = seen(edit);
     EXPECT_EQ("ab1Q", target.text(edit));
     std::vector<std::string> chars;
-    for (const std::string& line : lines) {
-        if (line.compare(0, 7, "WM_CHAR") == 0) chars.push_back(line.substr(8));
-    }
+    for (const std::string& line : lines) if (line.compare(0, 7, "WM_CHAR") == 0) chars.push_back(line.substr(8));
     EXPECT_EQ("a | b | 1 | Z | Q", joined(chars));
     for (const char* line : {"WM_KEYDOWN 0x41", "WM_KEYUP 0x41", "WM_KEYDOWN 0x25 ext", "WM_KEYUP 0x25 ext",
                              "WM_KEYDOWN 0x2E ext", "WM_KEYUP 0x2E ext", "WM_KEYDOWN 0x10", "WM_KEYUP 0x10"}) {
@@ -268,65 +218,29 @@ TEST_F(RealInput, TypedCharactersAndEditingKeysReachTheEdit) {
     }
 }
 
-// Where a click lands at the far edge of the screen, and beyond it. A point
-// far off the screen is clamped to 32768 and normalised like any other; where
-// the system then puts the pointer is its own affair: Windows keeps it on the
-// screen's edge, while Wine's 32-bit arithmetic overflows and puts it on the
-// opposite edge. So the click must land where the system puts the same
-// absolute move made directly, which on the edge itself is the target's pane.
-TEST_F(RealInput, ClicksAtAndBeyondTheScreenEdgeLandWhereTheSystemPutsTheEdge) {
-    const int width = GetSystemMetrics(SM_CXSCREEN), height = GetSystemMetrics(SM_CYSCREEN);
-    HWND corner = target.makeWindow(L"DeskwrightTarget", L"Corner", {width - 300, height - 200, 400, 300});
+// A click at the screen's last pixel lands there, on the target's pane in
+// the corner: the final move scales by the screen's size less one. (Points
+// beyond the screen are clamped, call by call, in the input suite.)
+TEST_F(RealInput, AClickAtTheScreensLastPixelLandsThere) {
+    const POINT last{GetSystemMetrics(SM_CXSCREEN) - 1, GetSystemMetrics(SM_CYSCREEN) - 1};
+    HWND corner = target.makeWindow(L"DeskwrightTarget", L"Corner", {last.x - 300, last.y - 200, last.x + 100, last.y + 100});
     ASSERT_NE(nullptr, corner);
     RECT area{};
     GetClientRect(corner, &area);
     HWND pane = target.makeWindow(L"DeskwrightTarget", L"", {0, 0, area.right, area.bottom}, corner);
     ASSERT_NE(nullptr, pane);
     platform->desktop().add(specOf(corner, UIA_WindowControlTypeId)).add(specOf(pane, UIA_PaneControlTypeId));
-    const std::vector<jlong> tops = host->longs(native<jlongArray>("GetToplevels"));
+    const std::vector<jlong> tops = toplevels();
     ASSERT_EQ(2u, tops.size());
-    handles[pane] = host->longs(native<jlongArray>("GetChildren", tops[1])).at(0);
+    handles[pane] = children(tops[1]).at(0);
     RECT bounds{};
     GetWindowRect(pane, &bounds);
-    // Where the system puts a click after an absolute move to a screen point,
-    // clamped and normalised as the driver does it.
-    auto systemPlaces = [&](POINT screen) {
-        auto normalised = [](LONG v, int extent) {
-            return static_cast<DWORD>(static_cast<long>(std::min<LONG>(v, 32768) * 65535.0 / (extent - 1) + 0.5));
-        };
-        drain();
-        mouse_event(MOUSEEVENTF_MOVE | MOUSEEVENTF_ABSOLUTE, normalised(screen.x, width), normalised(screen.y, height), 0, 0);
-        mouse_event(MOUSEEVENTF_LEFTDOWN, 0, 0, 0, 0);
-        mouse_event(MOUSEEVENTF_LEFTUP, 0, 0, 0, 0);
-        for (const InputEvent& event : recorder.settle()) {
-            if (event.message == WM_LBUTTONDOWN) return event.point;
-        }
-        return POINT{-1, -1};
-    };
-    const struct {
-        const char* name;
-        POINT asked;
-    } rows[] = {{"the last pixel", {width - 1, height - 1}}, {"x far beyond", {40000, height - 50}},
-                {"both far beyond", {40000, 40000}}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const POINT edge{std::min<LONG>(row.asked.x, width - 1), std::min<LONG>(row.asked.y, height - 1)};
-        const POINT landing = systemPlaces(row.asked);
-        if (landing.x != edge.x || landing.y != edge.y) {
-            std::printf("%s: the system puts a click after a move to (%ld, %ld) at (%ld, %ld), not on the screen's edge\n",
-                        row.name, row.asked.x, row.asked.y, landing.x, landing.y);
-        }
-        drain();
-        mouse(pane, CLICK, LEFT, {row.asked.x - bounds.left, row.asked.y - bounds.top});
-        const std::string at = " " + std::to_string(landing.x) + "," + std::to_string(landing.y);
-        EXPECT_EQ(joined({"WM_LBUTTONDOWN" + at, "WM_LBUTTONUP" + at}), joined(keysAndButtons(recorder.settle())));
-        if (PtInRect(&bounds, landing)) {
-            const std::string point = " " + client(pane, landing);
-            EXPECT_EQ(joined({"WM_LBUTTONDOWN" + point + " MK_LBUTTON", "WM_LBUTTONUP" + point}), joined(seen(pane)));
-        }
-    }
-    const POINT last = systemPlaces({width - 1, height - 1});
-    EXPECT_TRUE(last.x == width - 1 && last.y == height - 1) << "the last pixel is the screen's last";
+    drain();
+    mouse(pane, CLICK, LEFT, {last.x - bounds.left, last.y - bounds.top});
+    const std::string at = " " + std::to_string(last.x) + "," + std::to_string(last.y);
+    EXPECT_EQ(joined({"WM_LBUTTONDOWN" + at, "WM_LBUTTONUP" + at}), joined(keysAndButtons(recorder.settle())));
+    const std::string point = " " + client(pane, last);
+    EXPECT_EQ(joined({"WM_LBUTTONDOWN" + point + " MK_LBUTTON", "WM_LBUTTONUP" + point}), joined(seen(pane)));
 }
 
 // The four delays, from the stamps of a double click and a key stroke over
