@@ -113,3 +113,29 @@ TEST_F(HostBridge, AJavaExceptionInFilterEventIsClearedAndTheThreadGoesOn) {
     EXPECT_TRUE(host->uncaughtExceptions().empty()) << host->uncaughtExceptions()[0];
     EXPECT_TRUE(host->callsWithPendingException().empty()) << host->callsWithPendingException()[0];
 }
+
+namespace {
+
+// A VM whose application classes come from a loader of their own: a thread
+// the driver attached itself finds them only by way of the callback object's
+// class loader, never with FindClass.
+class SeparateLoader : public HostBridge {
+protected:
+    jnihost::JavaHost::Options hostOptions() const override {
+        jnihost::JavaHost::Options options;
+        options.appClassesVisibleToNativeThreads = false;
+        return options;
+    }
+};
+
+}  // namespace
+
+TEST_F(SeparateLoader, EventsOfTheDriversOwnThreadsStillReachJava) {
+    attachToSelf();
+    native<void>("TriggerThread");
+    ASSERT_TRUE(host->waitForConstructions(CALLBACK_EVENT, 1, 5000)) << "the trigger's event";
+    const jnihost::Construction made = host->constructions(CALLBACK_EVENT).front();
+    EXPECT_NE(GetCurrentThreadId(), made.threadId) << "made on the dispatch thread";
+    ASSERT_TRUE(host->waitForCalls("filterEvent", 2, 5000)) << "the connect event and the trigger's";
+    EXPECT_EQ(made.object, host->calls("filterEvent").back().args[0].l);
+}
