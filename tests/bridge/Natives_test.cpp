@@ -5,12 +5,7 @@
 using dwtest::DriverTest;
 
 namespace {
-
-class Natives : public DriverTest {
-protected:
-    static std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-};
-
+class Natives : public DriverTest {};
 }  // namespace
 
 TEST_F(Natives, BeforeAnyAttachTheClassicBackEndAnswers) {
@@ -70,7 +65,7 @@ TEST_F(Natives, PreferencesAnswerDefaultsAndStoredValues) {
     const struct { const wchar_t* key; const wchar_t* value; } defaults[] = {
         {L"deskwright.delay.after.mousemoved", L"50"}, {L"deskwright.front.via.focus", L""}, {L"my.own.key", L""},
     };
-    for (const auto& row : defaults) EXPECT_EQ(row.value, get(row.key)) << narrow(row.key);
+    for (const auto& row : defaults) EXPECT_EQ(row.value, get(row.key)) << testing::PrintToString(row.key);
     // Each step sets a value (null: Java's null) and reads it back.
     const struct { const wchar_t* key; const wchar_t* set; const wchar_t* read; } steps[] = {
         {L"deskwright.delay.after.mousemoved", L"10", L"10"},
@@ -82,8 +77,8 @@ TEST_F(Natives, PreferencesAnswerDefaultsAndStoredValues) {
     };
     for (const auto& step : steps) {
         native<void>("SetPreference", host->str(step.key), step.set ? host->str(step.set) : jstring{});
-        EXPECT_EQ(step.read, get(step.key)) << narrow(step.key) << " set to "
-                                            << (step.set ? narrow(step.set) : "null");
+        EXPECT_EQ(step.read, get(step.key)) << testing::PrintToString(step.key) << " set to "
+                                            << testing::PrintToString(step.set);
     }
 }
 
