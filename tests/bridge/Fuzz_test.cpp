@@ -59,12 +59,13 @@ protected:
         makeTarget();
         fuzzThread = GetCurrentThreadId();
         realSleep = &Sleep;
-        sleepPatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "Sleep", reinterpret_cast<void*>(&fuzzSleep));
-        mousePatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "mouse_event",
-                                                           reinterpret_cast<void*>(&noMouseEvent));
-        keyPatch = std::make_unique<dwtest::ImportPatch>(dll->module(), "keybd_event",
-                                                         reinterpret_cast<void*>(&noKeyEvent));
-        ASSERT_TRUE(sleepPatch->applied() && mousePatch->applied() && keyPatch->applied());
+        using Patch = std::pair<const char*, void*>;
+        for (auto [function, replacement] : {Patch{"Sleep", reinterpret_cast<void*>(&fuzzSleep)},
+                                             Patch{"mouse_event", reinterpret_cast<void*>(&noMouseEvent)},
+                                             Patch{"keybd_event", reinterpret_cast<void*>(&noKeyEvent)}}) {
+            patches.push_back(std::make_unique<dwtest::ImportPatch>(dll->module(), function, replacement));
+            ASSERT_TRUE(patches.back()->applied()) << function;
+        }
         // Input simulation waits between steps; a fuzz run shouldn't.
         for (const wchar_t* key : {L"deskwright.delay.after.mousemoved", L"deskwright.delay.after.mousepressed",
                                    L"deskwright.delay.mouse.multiclick", L"deskwright.delay.after.keydown"}) {
@@ -75,9 +76,7 @@ protected:
         native<void>("EnableCheckMode", jboolean{JNI_FALSE}, jint{0});
         native<void>("EnableEventListeners", jint{0});
         native<void>("EnableRecordingMode", jboolean{JNI_FALSE}, jint{0});
-        keyPatch.reset();
-        mousePatch.reset();
-        sleepPatch.reset();
+        patches.clear();
         DriverTest::TearDown();
     }
 
@@ -360,7 +359,7 @@ protected:
     }
 
     dwtest::OwnWindow ownWindow{L"EDIT", L"Own window"};
-    std::unique_ptr<dwtest::ImportPatch> sleepPatch, mousePatch, keyPatch;
+    std::vector<std::unique_ptr<dwtest::ImportPatch>> patches;
     std::uint64_t seed = 0;
     std::mt19937_64 rng;
     std::vector<jlong> pool;

@@ -89,7 +89,6 @@ TEST_F(Attributes, IdentityNamesAreExactAndTheKeyStays) {
     const std::wstring labelKey = L"Text_" + attr(labelHandle, L"rid").value_or(L"?");
     expectAll({{"name", button, L"name", L"OK"},
                {"names are exact", button, L"Name", NONE},
-               {"names are exact", button, L"NAME", NONE},
                {"unknown name", button, L"nonsense", NONE},
                {"empty name", button, L"", NONE},
                {"rid", button, L"rid", L"2a.20568.4.ffffffff"},

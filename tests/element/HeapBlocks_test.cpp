@@ -77,17 +77,11 @@ protected:
         DriverTest::SetUp();
         fakeuia::Node& window = attachToOwnWindow(L"Target");
         for (int g = 0; g < 3; ++g) {
-            fakeuia::NodeSpec group;
-            group.controlType = UIA_GroupControlTypeId;
-            group.name = L"group number " + std::to_wstring(g);
-            group.bounds = {10, 10 + 20 * g, 410, 30 + 20 * g};
-            fakeuia::Node& groupNode = window.add(group);
+            fakeuia::Node& groupNode = add(window, UIA_GroupControlTypeId, L"group number " + std::to_wstring(g),
+                                           {10, 10 + 20 * g, 410, 30 + 20 * g});
             for (int i = 0; i < 20; ++i) {
-                fakeuia::NodeSpec item;
-                item.controlType = UIA_ListItemControlTypeId;
-                item.name = L"item " + std::to_wstring(g) + L"." + std::to_wstring(i);
-                item.bounds = {10 + i, 10 + 20 * g, 20 + i, 30 + 20 * g};
-                groupNode.add(item);
+                add(groupNode, UIA_ListItemControlTypeId, L"item " + std::to_wstring(g) + L"." + std::to_wstring(i),
+                    {10 + i, 10 + 20 * g, 20 + i, 30 + 20 * g});
             }
         }
         top = host->longs(native<jlongArray>("GetToplevels")).at(0);

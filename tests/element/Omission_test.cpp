@@ -17,10 +17,6 @@ protected:
         topHandle = handleOf(*top);
     }
 
-    fakeuia::Node& add(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name,
-                       RECT bounds = {20, 20, 60, 40}, bool offscreen = false) {
-        return parent.add({.controlType = type, .name = name, .bounds = bounds, .isOffscreen = offscreen});
-    }
     // The names of the children that Java is given, in order.
     std::vector<std::wstring> childNames(jlong handle) {
         auto flat = host->strings(
@@ -41,8 +37,9 @@ TEST_F(Omission, OnlyOffscreenChildrenAreJudgedAndOnlyWhitespaceBySize) {
     const RECT none = {0, 0, 0, 0};
     // All three are invisible to MSAA; the first is on the screen all the same.
     fakeuia::Node& shown = add(*top, UIA_CustomControlTypeId, L"shown blank", none);
-    fakeuia::Node& button = add(*top, UIA_ButtonControlTypeId, L"zero button", none, true);
-    fakeuia::Node& blank = add(*top, UIA_CustomControlTypeId, L"offscreen blank", none, true);
+    auto offscreen = [](fakeuia::NodeSpec& spec) { spec.isOffscreen = true; };
+    fakeuia::Node& button = add(*top, UIA_ButtonControlTypeId, L"zero button", none, offscreen);
+    fakeuia::Node& blank = add(*top, UIA_CustomControlTypeId, L"offscreen blank", none, offscreen);
     for (fakeuia::Node* node : {&shown, &button, &blank}) {
         auto legacy = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(*node);
         legacy->role = ROLE_SYSTEM_WHITESPACE;

@@ -17,10 +17,6 @@ const wchar_t* const FRONT_VIA_FOCUS = L"deskwright.front.via.focus";
 const jboolean YES = JNI_TRUE;
 const jboolean NO = JNI_FALSE;
 
-fakeuia::NodeSpec specOf(CONTROLTYPEID type, const std::wstring& name, RECT bounds = {20, 40, 120, 60}) {
-    return {.controlType = type, .name = name, .bounds = bounds};
-}
-
 class Actions : public DriverTest {
 protected:
     void SetUp() override {
@@ -62,8 +58,8 @@ TEST_F(Actions, ExpandCallsThePatternOnlyOutsideTheWantedState) {
         {ExpandCollapseState_LeafNode, YES, NO, 1, 0},  // a leaf is asked, and its refusal is the answer
         {ExpandCollapseState_LeafNode, NO, NO, 0, 1},
     };
-    fakeuia::Node& node = top->add(specOf(UIA_TreeItemControlTypeId, L"node"));
-    fakeuia::Node& plain = top->add(specOf(UIA_ButtonControlTypeId, L"plain"));
+    fakeuia::Node& node = add(*top, UIA_TreeItemControlTypeId, L"node");
+    fakeuia::Node& plain = add(*top, UIA_ButtonControlTypeId, L"plain");
     auto source = fakeuia::attach<fakeuia::ExpandCollapseSource>(node);
     const jlong handle = handleOf(node);
     for (const auto& row : rows) {
@@ -78,11 +74,11 @@ TEST_F(Actions, ExpandCallsThePatternOnlyOutsideTheWantedState) {
 }
 
 TEST_F(Actions, SelectInvokeAndTheDefaultActionReachTheirPatterns) {
-    fakeuia::Node& item = top->add(specOf(UIA_ListItemControlTypeId, L"item"));
+    fakeuia::Node& item = add(*top, UIA_ListItemControlTypeId, L"item");
     auto selection = fakeuia::attach<fakeuia::SelectionItemSource>(item);
     auto legacy = fakeuia::attach<fakeuia::LegacyIAccessibleSource>(item);
     auto invoke = fakeuia::attach<fakeuia::InvokeSource>(item);
-    fakeuia::Node& plain = top->add(specOf(UIA_TextControlTypeId, L"plain"));
+    fakeuia::Node& plain = add(*top, UIA_TextControlTypeId, L"plain");
     const jlong handle = handleOf(item);
 
     const struct { jint mode; int select, add, remove; } modes[] = {{0, 1, 0, 0}, {2, 1, 0, 0}, {1, 0, 1, 0}, {-1, 0, 0, 1}};  // any mode but 1 and -1 selects
@@ -134,8 +130,8 @@ TEST_F(Actions, ToggleMovesTowardsTheModeWithOneCallAtMost) {
         {ToggleState_Indeterminate, true, 1, 1, ToggleState_Off},
         {ToggleState_Indeterminate, true, 0, 1, ToggleState_Off},
     };
-    fakeuia::Node& box = top->add(specOf(UIA_CheckBoxControlTypeId, L"box"));
-    fakeuia::Node& plain = top->add(specOf(UIA_ButtonControlTypeId, L"plain"));
+    fakeuia::Node& box = add(*top, UIA_CheckBoxControlTypeId, L"box");
+    fakeuia::Node& plain = add(*top, UIA_ButtonControlTypeId, L"plain");
     auto source = fakeuia::attach<fakeuia::ToggleSource>(box);
     const jlong handle = handleOf(box);
     for (const auto& row : rows) {
@@ -164,12 +160,11 @@ TEST_F(Actions, ToggleMovesTowardsTheModeWithOneCallAtMost) {
 
 TEST_F(Actions, CloseGoesToTheFrameOfACoreWindow) {
     auto frame = fakeuia::attach<fakeuia::WindowSource>(*top);
-    fakeuia::Node& hostPane = top->add(specOf(UIA_PaneControlTypeId, L"host"));
-    fakeuia::NodeSpec coreSpec = specOf(UIA_WindowControlTypeId, L"core");
-    coreSpec.className = CORE_WINDOW;
-    fakeuia::Node& core = hostPane.add(coreSpec);
+    fakeuia::Node& hostPane = add(*top, UIA_PaneControlTypeId, L"host");
+    fakeuia::Node& core = add(hostPane, UIA_WindowControlTypeId, L"core", {20, 40, 120, 60},
+                              [](fakeuia::NodeSpec& spec) { spec.className = CORE_WINDOW; });
     auto coreWindow = fakeuia::attach<fakeuia::WindowSource>(core);
-    fakeuia::Node& button = top->add(specOf(UIA_ButtonControlTypeId, L"OK"));
+    fakeuia::Node& button = add(*top, UIA_ButtonControlTypeId, L"OK");
 
     EXPECT_EQ(JNI_TRUE, native<jboolean>("Close", handleOf(core)));
     EXPECT_EQ(1, frame->closeCalls);
@@ -201,9 +196,9 @@ TEST_F(Actions, BringToFrontFocusesTheTopElementOrRaisesTheNearestWindowOfTypeWi
     HWND frame = makeWindow({100, 100, 400, 300});
     HWND other = makeWindow({500, 100, 800, 300});
     // A pane with a window handle of its own, which the search passes over.
-    fakeuia::NodeSpec paneSpec = specOf(UIA_PaneControlTypeId, L"pane");
-    paneSpec.nativeWindowHandle = other;
-    fakeuia::Node& button = top->add(paneSpec).add(specOf(UIA_ButtonControlTypeId, L"OK"));
+    fakeuia::Node& pane = add(*top, UIA_PaneControlTypeId, L"pane", {20, 40, 120, 60},
+                              [other](fakeuia::NodeSpec& spec) { spec.nativeWindowHandle = other; });
+    fakeuia::Node& button = add(pane, UIA_ButtonControlTypeId, L"OK");
     const jlong handle = handleOf(button);
 
     // The focus path: no window handle anywhere yet.
@@ -232,19 +227,21 @@ TEST_F(Actions, BringToFrontFocusesTheTopElementOrRaisesTheNearestWindowOfTypeWi
 
     // A window handle only below a pane, no window of type window: nothing comes up.
     HWND panel = makeWindow({100, 400, 400, 600});
-    fakeuia::NodeSpec panelSpec = specOf(UIA_PaneControlTypeId, L"panel");
-    panelSpec.processId = static_cast<int>(GetCurrentProcessId());
-    panelSpec.nativeWindowHandle = panel;
-    fakeuia::Node& inPanel = platform->desktop().add(panelSpec).add(specOf(UIA_ButtonControlTypeId, L"OK"));
+    fakeuia::Node& inPanel = add(add(platform->desktop(), UIA_PaneControlTypeId, L"panel", {20, 40, 120, 60},
+                                     [panel](fakeuia::NodeSpec& spec) {
+                                         spec.processId = static_cast<int>(GetCurrentProcessId());
+                                         spec.nativeWindowHandle = panel;
+                                     }),
+                                 UIA_ButtonControlTypeId, L"OK");
     EXPECT_EQ(JNI_FALSE, native<jboolean>("BringToFront", handleOf(inPanel)));
     EXPECT_EQ(frame, GetForegroundWindow());
 }
 
 TEST_F(Actions, ScrollAndScrollIntoView) {
-    fakeuia::Node& list = top->add(specOf(UIA_ListControlTypeId, L"list"));
-    fakeuia::Node& item = list.add(specOf(UIA_ListItemControlTypeId, L"item"));
-    fakeuia::Node& text = item.add(specOf(UIA_TextControlTypeId, L"text"));
-    fakeuia::Node& plain = top->add(specOf(UIA_ButtonControlTypeId, L"plain"));
+    fakeuia::Node& list = add(*top, UIA_ListControlTypeId, L"list");
+    fakeuia::Node& item = add(list, UIA_ListItemControlTypeId, L"item");
+    fakeuia::Node& text = add(item, UIA_TextControlTypeId, L"text");
+    fakeuia::Node& plain = add(*top, UIA_ButtonControlTypeId, L"plain");
     auto scroll = fakeuia::attach<fakeuia::ScrollSource>(list);
     scroll->horizontallyScrollable = scroll->verticallyScrollable = true;
     scroll->horizontalPercent = scroll->verticalPercent = 50;
@@ -275,9 +272,9 @@ TEST_F(Actions, ScrollAndScrollIntoView) {
 }
 
 TEST_F(Actions, MoveResizeAndSetFocus) {
-    fakeuia::Node& fixed = top->add(specOf(UIA_PaneControlTypeId, L"fixed"));
-    fakeuia::Node& loose = top->add(specOf(UIA_PaneControlTypeId, L"loose", {0, 0, 10, 10}));
-    fakeuia::Node& plain = top->add(specOf(UIA_ButtonControlTypeId, L"plain"));
+    fakeuia::Node& fixed = add(*top, UIA_PaneControlTypeId, L"fixed");
+    fakeuia::Node& loose = add(*top, UIA_PaneControlTypeId, L"loose", {0, 0, 10, 10});
+    fakeuia::Node& plain = add(*top, UIA_ButtonControlTypeId, L"plain");
     auto fixedTransform = fakeuia::attach<fakeuia::TransformSource>(fixed, false, false);
     auto looseTransform = fakeuia::attach<fakeuia::TransformSource>(loose, true, true);
 
@@ -294,8 +291,8 @@ TEST_F(Actions, MoveResizeAndSetFocus) {
     EXPECT_EQ(JNI_FALSE, native<jboolean>("Resize", handleOf(plain), jint{1}, jint{1}));
 
     // The focus is set only where it is not; an unreadable focus counts as had.
-    fakeuia::Node& edit = top->add(specOf(UIA_EditControlTypeId, L"edit"));
-    fakeuia::Node& stubborn = top->add(specOf(UIA_EditControlTypeId, L"stubborn"));
+    fakeuia::Node& edit = add(*top, UIA_EditControlTypeId, L"edit");
+    fakeuia::Node& stubborn = add(*top, UIA_EditControlTypeId, L"stubborn");
     native<void>("SetFocus", handleOf(edit));
     EXPECT_EQ(1, edit.setFocusCalls());
     EXPECT_TRUE(edit.spec().hasKeyboardFocus);

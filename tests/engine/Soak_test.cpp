@@ -1,10 +1,12 @@
 // Connections come and go while Java threads keep working: four Java threads
-// walk the tree, read attributes and act in a loop, while the main thread
-// attaches, detaches, attaches again at once, and lets real targets die in
-// the middle of those calls. Nothing may crash or hang, every round ends in
-// bounded time, Java hears of each target that died while attached exactly
-// once, and at the end nothing is left: no automation reference, no global
-// Java reference, no kernel handle more than before.
+// walk the tree, read attributes and act in a loop, one of them now and then
+// releases every control and another changes preferences, while the main
+// thread attaches, detaches, attaches again at once, and lets real targets
+// die in the middle of those calls. Nothing may crash or hang, every round
+// ends in bounded time, no handle stands for another element than the one it
+// names, Java hears of each target that died while attached exactly once,
+// and at the end nothing is left: no automation reference, no global Java
+// reference, no kernel handle more than before.
 #include "DriverTest.h"
 #include "FakeUiaPatterns.h"
 #include "TargetProcess.h"
@@ -16,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -28,17 +31,15 @@ const std::string WIN_EVENT = dwtest::EVENT_PACKAGE + "WinEvent";
 const int CONNECTED = 100;
 const int TERMINATED = 101;
 const int WORKERS = 4;
-// Every attach takes at least a second (the dispatch thread's start): 100
-// rounds take about three minutes. DESKWRIGHT_SOAK_ROUNDS sets another count.
-const int DEFAULT_ROUNDS = 100;
-const DWORD PASS_PAUSE_MS = 4;
 const DWORD ROUND_LIMIT_MS = 30000;
 
-// Whole cycles of the four kinds of round, and at least two of them.
+// Whole cycles of the four kinds of round, at least two. Every attach takes
+// at least a second (the dispatch thread's start): the default 100 rounds
+// take about three minutes. DESKWRIGHT_SOAK_ROUNDS sets another count.
 int rounds() {
     const char* text = std::getenv("DESKWRIGHT_SOAK_ROUNDS");
     const int n = text ? std::atoi(text) : 0;
-    return std::max(8, (n > 0 ? n : DEFAULT_ROUNDS) + 3) / 4 * 4;
+    return std::max(8, (n > 0 ? n : 100) + 3) / 4 * 4;
 }
 
 // The kernel handles of this process. Wine doesn't count them (it answers
@@ -54,83 +55,45 @@ DWORD handleCount() {
     return count;
 }
 
-// Ends the process if a round takes too long: a hang is a failure too.
-class Watchdog {
-public:
-    Watchdog() : thread_([this] { run(); }) {}
-    ~Watchdog() {
-        stop_ = true;
-        thread_.join();
-    }
-    void roundStarts(int round) {
-        round_ = round;
-        start_ = GetTickCount64();
-    }
-
-private:
-    void run() {
-        while (!stop_) {
-            if (GetTickCount64() - start_ > ROUND_LIMIT_MS) {
-                std::fprintf(stderr, "round %d hangs\n", round_.load());
-                std::fflush(stderr);
-                ExitProcess(3);
-            }
-            Sleep(100);
-        }
-    }
-    std::atomic<bool> stop_{false};
-    std::atomic<int> round_{0};
-    std::atomic<ULONGLONG> start_{GetTickCount64()};
-    std::thread thread_;
-};
-
 class Soak : public DriverTest {
 protected:
     std::wstring logLevels() const override { return L"*=3,tolva.Uia=5"; }
 
     void SetUp() override {
         DriverTest::SetUp();
-        fakeuia::Node& window = addOwnWindow(L"Own window");
-        addContent(window);
+        addContent(addOwnWindow(L"Own window"), L"own");
     }
     void TearDown() override {
         for (auto& target : targets) target.reset();
         DriverTest::TearDown();
     }
-
-    void addContent(fakeuia::Node& window) {
-        fakeuia::attach<fakeuia::InvokeSource>(
-            window.add({.controlType = UIA_ButtonControlTypeId, .name = L"OK", .bounds = {20, 20, 80, 40}}));
-        fakeuia::attach<fakeuia::ValueSource>(
-            window.add({.controlType = UIA_EditControlTypeId, .name = L"Text", .bounds = {20, 50, 200, 70}}),
-            L"some text");
+    // Controls named after their window, so that each name stands for one element.
+    void addContent(fakeuia::Node& window, const std::wstring& tag) {
+        fakeuia::attach<fakeuia::InvokeSource>(add(window, UIA_ButtonControlTypeId, L"OK " + tag, {20, 20, 80, 40}));
+        fakeuia::attach<fakeuia::ValueSource>(add(window, UIA_EditControlTypeId, L"Text " + tag, {20, 50, 200, 70}),
+                                              L"some text");
     }
-
     size_t winEvents(int type) {
         size_t n = 0;
         for (const auto& event : host->constructions(WIN_EVENT)) n += event.args[0].i == type ? 1 : 0;
         return n;
     }
     // Attaches and waits for Java to hear of the connection.
-    void connect(const std::wstring& args, jint pid) {
+    void connect(const std::wstring& args, DWORD pid) {
         const size_t before = winEvents(CONNECTED);
-        ASSERT_EQ(pid, attach(args, 2000)) << narrow(args);
+        ASSERT_EQ(static_cast<jint>(pid), attach(args, 2000)) << std::string(args.begin(), args.end());
         ASSERT_TRUE(dwtest::waitUntil([&] { return winEvents(CONNECTED) > before; }, 5000)) << "no onConnect";
     }
     void detach() {
         native<void>("DetachClient");
         attached = false;
     }
-    jint ownPid() const { return static_cast<jint>(GetCurrentProcessId()); }
-    static std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
     // A real target with its window on the simulated desktop.
     TargetProcess& startTarget(int round, fakeuia::Node*& node) {
         const std::wstring title = L"Soak target " + std::to_wstring(round);
-        targets[round % 2] = std::make_unique<TargetProcess>(title);
-        TargetProcess& target = *targets[round % 2];
+        TargetProcess& target = *(targets[round % 2] = std::make_unique<TargetProcess>(title));
         node = &addWindow(title, L"DeskwrightTarget", static_cast<int>(target.pid()), target.window());
-        addContent(*node);
+        addContent(*node, std::to_wstring(round));
         return target;
     }
     void killTarget(TargetProcess& target, fakeuia::Node& node) {
@@ -139,8 +102,29 @@ protected:
         node.remove();
     }
 
-    // One Java thread: the tree, attributes and an action, over and over.
-    void work(std::atomic<bool>& stop) {
+    void problem(const std::string& text) {
+        std::lock_guard<std::mutex> guard(problemsLock);
+        if (problems.size() < 20) problems.push_back(text);
+    }
+    // Name, value and key of a control: the first key read for a name is the
+    // one it must keep (a control's element that went away reads no name).
+    void checkKey(const std::vector<std::optional<std::wstring>>& values) {
+        if (values.size() != 3) return problem("GetAttributes gave " + std::to_string(values.size()) + " entries");
+        if (!values[0] || values[0]->empty() || !values[2]) return;
+        std::lock_guard<std::mutex> guard(problemsLock);
+        ++keyChecks;
+        auto [known, first] = keys.emplace(*values[0], *values[2]);
+        if (!first && known->second != *values[2] && problems.size() < 20) {
+            problems.push_back(narrow(*values[0]) + " under " + narrow(*values[2]) + ", before under " +
+                               narrow(known->second));
+        }
+    }
+    static std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+    // One Java thread: the tree, attributes and an action, over and over;
+    // the first also releases every control now and then, the second changes
+    // a preference while the others read theirs.
+    void work(int index, std::atomic<bool>& stop) {
         JNIEnv* threadEnv = host->attachCurrentThread();
         const jobjectArray names = host->stringArray({L"name", L"value", L"rid2"});
         // After each native: counts the call and tells whether it threw.
@@ -148,12 +132,11 @@ protected:
             ++calls;
             auto exception = host->takeException();
             if (exception && exception->className != dwtest::INVALID_HANDLE_EXCEPTION) {
-                std::lock_guard<std::mutex> guard(problemsLock);
-                problems.push_back("unexpected exception " + exception->className);
+                problem("unexpected exception " + exception->className);
             }
             return exception.has_value();
         };
-        while (!stop) {
+        for (int pass = 0; !stop; ++pass) {
             if (pause) {
                 ++parked;
                 while (pause && !stop) Sleep(5);
@@ -165,10 +148,10 @@ protected:
             thrown();
             for (jlong top : tops) {
                 jlongArray children = dll->call<jlongArray>("GetChildren", threadEnv, self, top);
-                if (thrown()) continue;
-                for (jlong child : host->longs(children)) {
-                    dll->call<jobjectArray>("GetAttributes", threadEnv, self, child, names);
+                for (jlong child : thrown() ? std::vector<jlong>{} : host->longs(children)) {
+                    jobjectArray values = dll->call<jobjectArray>("GetAttributes", threadEnv, self, child, names);
                     if (thrown()) continue;
+                    checkKey(host->strings(values));
                     dll->call<jlong>("GetParent", threadEnv, self, child);
                     if (thrown()) continue;
                     dll->call<void>("Invoke", threadEnv, self, child);
@@ -177,11 +160,18 @@ protected:
             }
             dll->call<jlong>("GetElementFromPoint", threadEnv, self, jint{30}, jint{30});
             thrown();
+            if (index == 0 && pass % 3 == 2) {
+                dll->call<void>("ReleaseControls", threadEnv, self);
+                ++releases;
+            } else if (index == 1) {
+                dll->call<void>("SetPreference", threadEnv, self, host->str(L"deskwright.soak.pass"),
+                                pass % 2 ? host->str(std::to_wstring(pass)) : nullptr);
+            }
             threadEnv->PopLocalFrame(nullptr);
             // The test host keeps every object and reference it ever made, for
             // its checks: a worker that never rests would fill the address
             // space of a 32-bit run within a minute.
-            Sleep(PASS_PAUSE_MS);
+            Sleep(4);
         }
         host->detachCurrentThread();
     }
@@ -204,8 +194,11 @@ protected:
     std::atomic<bool> pause{false};
     std::atomic<int> parked{0};
     std::atomic<long> calls{0};
-    std::mutex problemsLock;
+    std::atomic<long> releases{0};
+    std::mutex problemsLock;  // guards the three below
     std::vector<std::string> problems;
+    std::map<std::wstring, std::wstring> keys;  // name to key
+    long keyChecks = 0;
 };
 
 }  // namespace
@@ -221,37 +214,50 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
     DWORD handlesBefore = 0;
     std::atomic<bool> stop{false};
     std::vector<std::thread> workers;
-    for (int i = 0; i < WORKERS; ++i) {
-        workers.emplace_back([&] { work(stop); });
-    }
+    for (int i = 0; i < WORKERS; ++i) workers.emplace_back([&, i] { work(i, stop); });
     const int total = rounds();
     const int baselineRound = std::max(3, total / 16 * 4 + 3);
+    const DWORD self = GetCurrentProcessId();
     size_t diedWhileAttached = 0;
     ULONGLONG slowest = 0;
     const ULONGLONG start = GetTickCount64();
-    {
-        Watchdog watchdog;
+    // A round that takes too long ends the process: a hang is a failure too.
+    std::atomic<int> current{0};
+    std::atomic<ULONGLONG> roundStart{start};
+    std::atomic<bool> roundsDone{false};
+    std::thread watchdog([&] {
+        for (; !roundsDone; Sleep(100)) {
+            if (GetTickCount64() - roundStart > ROUND_LIMIT_MS) {
+                std::fprintf(stderr, "round %d hangs\n", current.load());
+                std::fflush(stderr);
+                ExitProcess(3);
+            }
+        }
+    });
+    // The rounds, in a function of their own: a failed assertion ends them,
+    // and the threads are still stopped and joined.
+    auto runRounds = [&] {
         for (int round = 0; round < total && !HasFatalFailure(); ++round) {
-            watchdog.roundStarts(round);
-            const ULONGLONG roundStart = GetTickCount64();
+            current = round;
+            roundStart = GetTickCount64();
             fakeuia::Node* node = nullptr;
             switch (round % 4) {
             case 0:  // attach and detach
-                connect(dwtest::ownPidArgs(), ownPid());
+                connect(dwtest::ownPidArgs(), self);
                 Sleep(50);
                 detach();
                 break;
             case 1:  // detach and attach again at once
-                connect(dwtest::ownPidArgs(), ownPid());
+                connect(dwtest::ownPidArgs(), self);
                 detach();
-                connect(dwtest::ownPidArgs(), ownPid());
+                connect(dwtest::ownPidArgs(), self);
                 Sleep(50);
                 detach();
                 break;
             case 2: {  // the target dies in the middle of the calls
                 TargetProcess& target = startTarget(round, node);
                 ASSERT_TRUE(target.ready()) << "target.exe did not start";
-                connect(L"-pid " + std::to_wstring(target.pid()), static_cast<jint>(target.pid()));
+                connect(L"-pid " + std::to_wstring(target.pid()), target.pid());
                 Sleep(50);
                 killTarget(target, *node);
                 ++diedWhileAttached;
@@ -263,7 +269,7 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
             case 3: {  // the target dies after a detach: nobody hears of it
                 TargetProcess& target = startTarget(round, node);
                 ASSERT_TRUE(target.ready()) << "target.exe did not start";
-                connect(L"Soak target " + std::to_wstring(round), static_cast<jint>(target.pid()));
+                connect(L"Soak target " + std::to_wstring(round), target.pid());
                 detach();
                 killTarget(target, *node);
                 break;
@@ -272,7 +278,10 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
             slowest = std::max(slowest, GetTickCount64() - roundStart);
             if (round == baselineRound) handlesBefore = quietHandleCount();
         }
-    }
+    };
+    runRounds();
+    roundsDone = true;
+    watchdog.join();
     const ULONGLONG elapsed = GetTickCount64() - start;
     const DWORD handlesAfter = quietHandleCount();
     stop = true;
@@ -283,18 +292,16 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
     GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
 
     std::cout << "rounds: " << total << ", " << elapsed / total << " ms each (slowest " << slowest
-              << " ms), native calls: " << calls.load() << "\n"
-              << "kernel handles: " << handlesBefore << " before, " << handlesAfter << " after; global refs: "
-              << host->globalRefCount() << "; automation references: " << platform->outstandingReferences() << "\n"
-              << "targets died while attached: " << diedWhileAttached << ", onTerminate: " << winEvents(TERMINATED)
-              << ", onConnect: " << winEvents(CONNECTED) << "\n"
-              << "peak working set: " << memory.PeakWorkingSetSize / 1024
-              << " KiB, peak pagefile usage: " << memory.PeakPagefileUsage / 1024 << " KiB" << std::endl;
-
+              << " ms), native calls: " << calls.load() << "\nkernel handles: " << handlesBefore << " before, "
+              << handlesAfter << " after; onTerminate: " << winEvents(TERMINATED) << " of " << diedWhileAttached
+              << "; peak working set: " << memory.PeakWorkingSetSize / 1024 << " KiB; releases: " << releases.load()
+              << ", keys checked: " << keyChecks << std::endl;
     for (const std::string& problem : problems) ADD_FAILURE() << problem;
     EXPECT_EQ(diedWhileAttached, winEvents(TERMINATED)) << "one onTerminate per target that died while attached";
     EXPECT_EQ(0u, host->globalRefCount());
     EXPECT_EQ(0, platform->outstandingReferences());
     EXPECT_LE(handlesAfter, handlesBefore + 1) << "kernel handles pile up";
     EXPECT_GT(calls.load(), 0);
+    EXPECT_GT(releases.load(), 0) << "controls were released while in use";
+    EXPECT_GT(keyChecks, 0) << "keys were checked";
 }

@@ -6,6 +6,8 @@
 #include <windows.h>
 
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,13 +16,8 @@ namespace dwtest {
 
 // The whole content of a file; empty if it can't be read.
 inline std::string readFile(const std::wstring& path) {
-    std::string content;
-    if (FILE* file = _wfopen(path.c_str(), L"rb")) {
-        char buffer[65536];
-        for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, file)) > 0;) content.append(buffer, got);
-        std::fclose(file);
-    }
-    return content;
+    std::ifstream in(path.c_str(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 struct ChildRun {

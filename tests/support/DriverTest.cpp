@@ -95,6 +95,13 @@ fakeuia::Node& DriverTest::addWindow(const std::wstring& name, const std::wstrin
                                     .processId = pid, .bounds = bounds, .nativeWindowHandle = hwnd});
 }
 
+fakeuia::Node& DriverTest::add(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name, RECT bounds,
+                               const std::function<void(fakeuia::NodeSpec&)>& more) {
+    fakeuia::NodeSpec spec{.controlType = type, .name = name, .bounds = bounds};
+    if (more) more(spec);
+    return parent.add(spec);
+}
+
 std::optional<std::wstring> DriverTest::attr(jlong handle, const std::wstring& name) {
     jstring value = native<jstring>("GetAttribute", handle, host->str(name));
     return host->isNull(value) ? std::nullopt : std::optional<std::wstring>(host->text(value));

@@ -59,6 +59,10 @@ protected:
     fakeuia::Node& addOwnWindow(const std::wstring& name);
     fakeuia::Node& addWindow(const std::wstring& name, const std::wstring& className, int pid, HWND hwnd = nullptr,
                              RECT bounds = {10, 10, 410, 310});
+    // A child of a node; `more` fills in the rest of its description.
+    static fakeuia::Node& add(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name,
+                              RECT bounds = {20, 40, 120, 60},
+                              const std::function<void(fakeuia::NodeSpec&)>& more = {});
     // Such a window, with the driver attached to this process and connected.
     fakeuia::Node& attachToOwnWindow(const std::wstring& name);
     // The handle of a node, found as Java finds it: the desktop as the parent

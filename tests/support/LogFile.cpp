@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace dwtest {
@@ -80,10 +81,7 @@ bool LogFile::waitFor(const std::string& text, unsigned timeoutMs, int level) {
 
 std::string LogFile::dump() {
     std::ifstream in(logPath().c_str(), std::ios::binary);
-    std::string all;
-    std::string text;
-    while (std::getline(in, text)) all += text + "\n";
-    return all;
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 }  // namespace dwtest

@@ -94,10 +94,6 @@ protected:
         DestroyWindow(frame);
         DriverTest::TearDown();
     }
-    fakeuia::Node& add(fakeuia::Node& parent, CONTROLTYPEID type, const std::wstring& name,
-                       RECT bounds = {30, 40, 130, 90}) {
-        return parent.add({.controlType = type, .name = name, .bounds = bounds});
-    }
 
     HWND frame = nullptr;
     HWND edit = nullptr;
