@@ -7,6 +7,7 @@
 #include "dispatch/UiaEventQueue.h"
 #include "events/EventFilter.h"
 #include "events/WinClientEvent.h"
+#include "overlay/Highlighter.h"
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/Common.h"
 
@@ -98,6 +99,7 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
     }
 
     UiaEventQueue::destroy();  // work behind the quit comes back unrun
+    StopHighlight();           // its window is this thread's and goes with it
     uia->removeEventHandler();
     EventFilter::getInstance().detachThread();
     UiaControl::removeControls();
