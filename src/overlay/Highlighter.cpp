@@ -4,6 +4,7 @@
 #include "common/Logging.h"
 #include "common/Owners.h"
 #include "element/UiaControl.h"
+#include "overlay/WindowClass.h"
 #include "uiahelper/UiaHelper.h"
 
 namespace tolva {
@@ -125,13 +126,7 @@ void Highlighter::Highlight() {
         windowClass.hInstance = instance;
         windowClass.hCursor = LoadCursorW(nullptr, IDC_ARROW);
         windowClass.lpszClassName = HIGHLIGHTER_CLASS;
-        classRegistered = RegisterClassW(&windowClass) != 0;
-        if (!classRegistered && GetLastError() == ERROR_CLASS_ALREADY_EXISTS) {
-            // Left by an earlier load of this driver, whose procedure is gone
-            // with it: registered anew with this one's.
-            UnregisterClassW(HIGHLIGHTER_CLASS, instance);
-            classRegistered = RegisterClassW(&windowClass) != 0;
-        }
+        classRegistered = registerWindowClass(windowClass);
     }
     const int width = rectangle_.right - rectangle_.left;
     const int height = rectangle_.bottom - rectangle_.top;
