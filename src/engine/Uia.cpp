@@ -8,6 +8,8 @@
 #include "events/EventFilter.h"
 #include "events/WinClientEvent.h"
 #include "overlay/Highlighter.h"
+#include "overlay/ProcessOverlay.h"
+#include "overlay/UiaChecker.h"
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/Common.h"
 
@@ -99,7 +101,10 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
     }
 
     UiaEventQueue::destroy();  // work behind the quit comes back unrun
-    StopHighlight();           // its window is this thread's and goes with it
+    // The overlays of this thread go with it; check mode ends with them.
+    StopChecking();
+    SetCoverEnabled(true);
+    StopHighlight();
     uia->removeEventHandler();
     EventFilter::getInstance().detachThread();
     UiaControl::removeControls();

@@ -97,6 +97,12 @@ void StopHighlight() {
     delete current;
 }
 
+void EndHighlightSoon() {
+    if (current && window) {
+        SetTimer(window, HIGHLIGHT_TIMER_ID, 0, nullptr);
+    }
+}
+
 Highlighter::Highlighter(RECT rectangle, int duration, int newColor, HWND newForwardWindow)
     : rectangle_(rectangle), duration_(duration) {
     TOLVA_LOG(logger, 7, "r: [" << rectangle.left << "," << rectangle.top << "," << rectangle.right << ","

@@ -32,6 +32,9 @@ private:
 // current one away.
 void ShowHighlight(RECT rectangle, int duration, int color, HWND forwardWindow);
 void StopHighlight();
+// Ends the current highlight at the next tick of its thread, from wherever
+// its window's messages are served; nothing without one.
+void EndHighlightSoon();
 
 constexpr UINT_PTR HIGHLIGHT_TIMER_ID = 1234;
 constexpr int HIGHLIGHT_DEFAULT_COLOR = -1;  // replaced by DEFAULT_HIGHLIGHT_RGB
