@@ -182,6 +182,28 @@ TEST_F(CheckMode, ALeftClickAsksForTheDefaultCheck) {
     EXPECT_NE(nullptr, duringCheck.load()) << "the element was framed while Java checked";
 }
 
+// A click on the marking's frame, which lies over what it marks, comes back
+// to the overlay as the overlay's own click at the same point of the screen,
+// and ends the marking. (The click is posted to the frame: which window the
+// display system hands a real click among stacked topmost windows is its own
+// business under Wine.)
+TEST_F(CheckMode, AClickOnTheFrameReachesTheOverlay) {
+    check(true);
+    restAt(centre(BUTTON));
+    const HWND frame = ownWindowOf(L"TolvaHighlighterClass");
+    ASSERT_NE(nullptr, frame);
+    RECT overlay{};
+    GetWindowRect(ownWindowOf(L"TolvaOverlayClass"), &overlay);
+    // The frame's bottom edge under the pointer: (200, 198) on the screen.
+    PostMessageW(frame, WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(50, 48));
+    ASSERT_TRUE(dwtest::waitUntil([&] { return !calls().empty(); }, 3000));
+    EXPECT_EQ(std::vector<std::string>{"default 1"}, calls());
+    EXPECT_FALSE(IsWindow(frame)) << "a forwarded click ends the marking";
+    const std::string at = "msg: 513, fx: " + std::to_string(200 - overlay.left) + ", fy: " +
+                           std::to_string(198 - overlay.top);
+    EXPECT_EQ(1u, dwtest::LogFile::count(at, 9)) << at;
+}
+
 // A right click shows Java's labels as a menu: the first a disabled title,
 // then a separator, the checks, a separator and "Cancel". Java receives the
 // chosen label's index less one; no labels, no menu.
