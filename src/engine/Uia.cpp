@@ -7,6 +7,9 @@
 #include "dispatch/UiaEventQueue.h"
 #include "events/EventFilter.h"
 #include "events/WinClientEvent.h"
+#include "overlay/Highlighter.h"
+#include "overlay/ProcessOverlay.h"
+#include "overlay/UiaChecker.h"
 #include "recording/UiaAutoEventHandler.h"
 #include "uiahelper/Common.h"
 
@@ -98,6 +101,10 @@ unsigned __stdcall Uia::uiaThreadProc(void* param) {
     }
 
     UiaEventQueue::destroy();  // work behind the quit comes back unrun
+    // The overlays of this thread go with it; check mode ends with them.
+    StopChecking();
+    SetCoverEnabled(true);
+    StopHighlight();
     uia->removeEventHandler();
     EventFilter::getInstance().detachThread();
     UiaControl::removeControls();

@@ -108,7 +108,7 @@ void Uia::enableCheckMode(bool enable, std::int32_t mode) {
     // Without a dispatch thread (detached, or never attached) there is no
     // check mode to start or to end.
     if (auto queue = UiaEventQueue::getInstance()) {
-        queue->invokeLater(new CheckerRegistrator(enable));
+        queue->invokeLater(new CheckerRegistrator(enable, pid, viaHwnd, className));
     }
 }
 

@@ -28,8 +28,41 @@ private:
 };
 
 // Replaces the current highlight by one of the rectangle; clicks on it go to
-// the forward window (0: none).
+// the forward window (0: none). A duration of 0 or less only takes the
+// current one away.
 void ShowHighlight(RECT rectangle, int duration, int color, HWND forwardWindow);
 void StopHighlight();
+// Ends the current highlight at the next tick of its thread, from wherever
+// its window's messages are served; nothing without one.
+void EndHighlightSoon();
+
+constexpr UINT_PTR HIGHLIGHT_TIMER_ID = 1234;
+constexpr int HIGHLIGHT_DEFAULT_COLOR = -1;  // replaced by DEFAULT_HIGHLIGHT_RGB
+constexpr int HIGHLIGHT_COVER = -2;          // a translucent cover instead of a frame
+constexpr COLORREF DEFAULT_HIGHLIGHT_RGB = 0x8080CC;
+constexpr COLORREF COVER_RGB = 0x7070F0;
+constexpr BYTE COVER_ALPHA = 100;
+constexpr int FRAME_WIDTH = 3;
+extern const wchar_t HIGHLIGHTER_CLASS[];
+
+// The one highlight of the process, on the thread that made it (the dispatch
+// thread), which serves its window. Its window goes with it; the timer of its
+// duration, a forwarded click, or the next highlight delete it.
+class Highlighter {
+public:
+    Highlighter(RECT rectangle, int duration, int color, HWND forwardWindow);
+    ~Highlighter();
+    Highlighter(const Highlighter&) = delete;
+    Highlighter& operator=(const Highlighter&) = delete;
+
+    // Makes and shows the window and starts the timer of the duration.
+    void Highlight();
+
+    static LRESULT CALLBACK WndProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
+
+private:
+    RECT rectangle_;
+    int duration_;
+};
 
 }  // namespace tolva

@@ -1,0 +1,211 @@
+// The highlight as Java asks for it: a real window on the screen around a
+// control of a real window of this process, seen through the system (its
+// class, styles, region, pixels and lifetime), never through the log.
+#include "DriverTest.h"
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+using dwtest::DriverTest;
+using dwtest::OwnWindow;
+
+namespace {
+
+const wchar_t* const HIGHLIGHT_CLASS = L"TolvaHighlighterClass";
+const COLORREF DEFAULT_FRAME = 0x8080CC;
+const RECT TARGET = {100, 100, 500, 400};
+
+// Lets this thread's own windows paint while the driver's work on its own.
+void pumpFor(int ms) {
+    const DWORD end = GetTickCount() + static_cast<DWORD>(ms);
+    do {
+        MSG msg;
+        while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
+        Sleep(10);
+    } while (static_cast<int>(end - GetTickCount()) > 0);
+}
+
+// The highlight windows of this process.
+std::vector<HWND> highlights() {
+    std::vector<HWND> found;
+    for (HWND w = FindWindowExW(nullptr, nullptr, HIGHLIGHT_CLASS, nullptr); w;
+         w = FindWindowExW(nullptr, w, HIGHLIGHT_CLASS, nullptr)) {
+        DWORD pid = 0;
+        GetWindowThreadProcessId(w, &pid);
+        if (pid == GetCurrentProcessId()) found.push_back(w);
+    }
+    return found;
+}
+
+std::string shown(const RECT& r) {
+    return "[" + std::to_string(r.left) + "," + std::to_string(r.top) + "," + std::to_string(r.right) + "," +
+           std::to_string(r.bottom) + "]";
+}
+
+// What a window painted at a point of its own. (Under Wine the screen's DC
+// shows the desktop alone, not the windows on it.)
+COLORREF paintedPixel(HWND window, int x, int y) {
+    const HDC dc = GetDC(window);
+    const COLORREF pixel = GetPixel(dc, x, y);
+    ReleaseDC(window, dc);
+    return pixel;
+}
+
+class Highlight : public DriverTest {
+protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        target = std::make_unique<OwnWindow>(L"STATIC", L"Target", WS_POPUP | WS_VISIBLE, TARGET);
+        pumpFor(50);
+        fakeuia::Node& window = addWindow(L"Target", L"Static", static_cast<int>(GetCurrentProcessId()), target->hwnd,
+                                          TARGET);
+        button = &window.add({.controlType = UIA_ButtonControlTypeId, .name = L"OK", .bounds = {150, 200, 250, 240}});
+        thin = &window.add({.controlType = UIA_SeparatorControlTypeId, .name = L"Bar", .bounds = {300, 200, 306, 260}});
+        ASSERT_NE(0, attach(dwtest::ownPidArgs(), 1000));
+        ASSERT_TRUE(host->waitForCalls("filterEvent", 1, 5000));
+    }
+    void TearDown() override {
+        if (attached) detachAndWait();
+        target.reset();
+        DriverTest::TearDown();
+    }
+
+    void mark(fakeuia::Node& node, int duration, int color = -1) {
+        native<void>("Highlight", handleOf(node), jint(duration), jint(color));
+        pumpFor(30);
+    }
+    // The one highlight window, or null; more than one fails the test.
+    HWND only() {
+        const std::vector<HWND> found = highlights();
+        EXPECT_LE(found.size(), 1u) << "more than one highlight at a time";
+        return found.empty() ? nullptr : found.front();
+    }
+
+    std::unique_ptr<OwnWindow> target;
+    fakeuia::Node* button = nullptr;
+    fakeuia::Node* thin = nullptr;
+};
+
+// A frame three pixels wide in the default colour around the control, on top
+// of everything, never taking the focus, and gone at the end of its time.
+TEST_F(Highlight, FramesTheControlForItsDuration) {
+    const auto start = std::chrono::steady_clock::now();
+    mark(*button, 400);
+    const HWND frame = only();
+    ASSERT_NE(nullptr, frame);
+    RECT r{};
+    GetWindowRect(frame, &r);
+    EXPECT_EQ("[150,200,250,240]", shown(r));
+    const LONG_PTR exStyle = GetWindowLongPtrW(frame, GWL_EXSTYLE);
+    EXPECT_EQ(WS_EX_NOACTIVATE | WS_EX_TOPMOST, exStyle & (WS_EX_NOACTIVATE | WS_EX_TOPMOST | WS_EX_LAYERED));
+    EXPECT_EQ(WS_POPUP | WS_VISIBLE, GetWindowLongPtrW(frame, GWL_STYLE) & (WS_POPUP | WS_VISIBLE | WS_CHILD));
+
+    HRGN region = CreateRectRgn(0, 0, 0, 0);
+    ASSERT_NE(ERROR, GetWindowRgn(frame, region));
+    struct Point {
+        int x, y;
+        bool inFrame;
+    };
+    for (const Point& p : {Point{0, 0, true}, Point{2, 20, true}, Point{3, 20, false}, Point{50, 20, false},
+                           Point{96, 20, false}, Point{97, 20, true}, Point{50, 37, true}, Point{99, 39, true}}) {
+        EXPECT_EQ(p.inFrame, PtInRegion(region, p.x, p.y) != 0) << "(" << p.x << "," << p.y << ")";
+    }
+    DeleteObject(region);
+    pumpFor(50);
+    EXPECT_EQ(DEFAULT_FRAME, paintedPixel(frame, 1, 20)) << "the frame's left edge";
+
+    ASSERT_TRUE(dwtest::waitUntil([&] { return highlights().empty(); }, 3000)) << "the highlight stayed";
+    const auto lived = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    EXPECT_GE(lived.count(), 380) << "ended before its time";
+    EXPECT_FALSE(IsWindow(frame));
+}
+
+// A control of six pixels or less across has no inside: the frame is solid.
+// A colour of Java's is used as it is.
+TEST_F(Highlight, ANarrowControlGetsASolidFrameInTheGivenColour) {
+    mark(*thin, 2000, 0x00FF00);
+    const HWND frame = only();
+    ASSERT_NE(nullptr, frame);
+    HRGN region = CreateRectRgn(0, 0, 0, 0);
+    ASSERT_NE(ERROR, GetWindowRgn(frame, region));
+    for (int x = 0; x < 6; ++x) EXPECT_TRUE(PtInRegion(region, x, 30)) << "column " << x;
+    DeleteObject(region);
+    pumpFor(50);
+    EXPECT_EQ(COLORREF{0x00FF00}, paintedPixel(frame, 3, 30));
+}
+
+// Colour -2 is a translucent cover, layered with alpha 100 and never shaped.
+TEST_F(Highlight, CoverModeIsALayeredRectangle) {
+    mark(*button, 2000, -2);
+    const HWND cover = only();
+    ASSERT_NE(nullptr, cover);
+    EXPECT_TRUE(GetWindowLongPtrW(cover, GWL_EXSTYLE) & WS_EX_LAYERED);
+    BYTE alpha = 0;
+    DWORD flags = 0;
+    ASSERT_TRUE(GetLayeredWindowAttributes(cover, nullptr, &alpha, &flags));
+    EXPECT_EQ(100, alpha);
+    EXPECT_EQ(static_cast<DWORD>(LWA_ALPHA), flags);
+    HRGN region = CreateRectRgn(0, 0, 0, 0);
+    EXPECT_EQ(ERROR, GetWindowRgn(cover, region)) << "a cover has no frame region";
+    DeleteObject(region);
+    pumpFor(50);
+    EXPECT_EQ(COLORREF{0x7070F0}, paintedPixel(cover, 50, 20)) << "the cover's colour, all over";
+}
+
+// One highlight at a time: a second replaces the first at once, and 0 or a
+// negative duration takes the current one away and shows nothing.
+TEST_F(Highlight, ANewRequestReplacesOrEndsTheCurrentOne) {
+    mark(*button, 5000);
+    const HWND first = only();
+    ASSERT_NE(nullptr, first);
+    mark(*thin, 5000);
+    const HWND second = only();
+    ASSERT_NE(nullptr, second);
+    EXPECT_FALSE(IsWindow(first));
+    RECT r{};
+    GetWindowRect(second, &r);
+    EXPECT_EQ("[300,200,306,260]", shown(r));
+    // The first one's timer went with it: the second outlives its time.
+    pumpFor(300);
+    EXPECT_TRUE(IsWindow(second));
+
+    for (int duration : {0, -1, -100000}) {
+        mark(*button, 5000);
+        ASSERT_NE(nullptr, only()) << duration;
+        mark(*button, duration);
+        EXPECT_TRUE(highlights().empty()) << "duration " << duration;
+    }
+}
+
+// A control hidden behind another window isn't marked, and the highlight of
+// an earlier call goes on.
+TEST_F(Highlight, AControlBehindAnotherWindowIsNotMarked) {
+    mark(*thin, 5000);
+    const HWND earlier = only();
+    ASSERT_NE(nullptr, earlier);
+    OwnWindow cover(L"STATIC", L"Cover", WS_POPUP | WS_VISIBLE, {140, 190, 260, 250});
+    SetWindowPos(cover.hwnd, HWND_TOPMOST, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_SHOWWINDOW);
+    pumpFor(50);
+    mark(*button, 5000);
+    EXPECT_EQ(earlier, only());
+    RECT r{};
+    GetWindowRect(earlier, &r);
+    EXPECT_EQ("[300,200,306,260]", shown(r));
+}
+
+// The highlight belongs to the dispatch thread: a detach takes it away, and
+// the next session highlights again.
+TEST_F(Highlight, ADetachTakesTheHighlightAway) {
+    mark(*button, 60000);
+    ASSERT_NE(nullptr, only());
+    detachAndWait();
+    EXPECT_TRUE(highlights().empty());
+    ASSERT_NE(0, attach(dwtest::ownPidArgs(), 1000));
+    mark(*button, 60000);
+    EXPECT_NE(nullptr, only());
+    mark(*button, 0);
+    EXPECT_TRUE(highlights().empty());
+}
+
+}  // namespace
