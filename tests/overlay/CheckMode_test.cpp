@@ -204,6 +204,42 @@ TEST_F(CheckMode, AClickOnTheFrameReachesTheOverlay) {
     EXPECT_EQ(1u, dwtest::LogFile::count(at, 9)) << at;
 }
 
+// The test tool's own window (a Java frame titled after the tool) is found
+// when check mode starts: a click that the overlay catches over one of its
+// elements, before the overlay has stepped aside, goes on to that window.
+TEST_F(CheckMode, AClickMeantForTheTestToolsWindowReachesIt) {
+    dwtest::TargetProcess tool{dwtest::TargetProcess::Serving{}};
+    ASSERT_TRUE(tool.ready());
+    const RECT frameRect = {600, 250, 800, 400};
+    const HWND toolWindow = tool.makeWindow(L"SunAwtFrame", L"CueBench 4.2", frameRect);
+    ASSERT_NE(nullptr, toolWindow);
+    addWindow(L"CueBench 4.2", L"SunAwtFrame", static_cast<int>(tool.pid()), toolWindow, frameRect);
+    check(true);
+    restAt(centre(BUTTON));
+    tool.received();  // what the pointer did there so far
+    SetCursorPos(610, 260);
+    pumpFor(80);  // the overlay has followed (25 ms), the element isn't looked at yet (200 ms)
+    RECT overlay{};
+    GetWindowRect(ownWindowOf(L"TolvaOverlayClass"), &overlay);
+    PostMessageW(ownWindowOf(L"TolvaOverlayClass"), WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(25, 25));
+    std::vector<std::string> clicks;
+    ASSERT_TRUE(dwtest::waitUntil(
+        [&] {
+            for (const auto& line : tool.received()) {
+                if (line.window == toolWindow && line.what.rfind("WM_LBUTTON", 0) == 0) clicks.push_back(line.what);
+            }
+            return clicks.size() >= 2;
+        },
+        3000))
+        << "the tool's window got no click";
+    // At the same point of the screen, less the height of the frame's caption.
+    const std::string at = std::to_string(overlay.left + 25 - frameRect.left) + "," +
+                           std::to_string(overlay.top + 25 - frameRect.top - 31);
+    EXPECT_EQ("WM_LBUTTONDOWN " + at + " MK_LBUTTON", clicks[0]);
+    EXPECT_EQ("WM_LBUTTONUP " + at, clicks[1]);
+    EXPECT_TRUE(calls().empty()) << "no check for the tool's own window";
+}
+
 // A right click shows Java's labels as a menu: the first a disabled title,
 // then a separator, the checks, a separator and "Cancel". Java receives the
 // chosen label's index less one; no labels, no menu.
