@@ -2,6 +2,8 @@
 
 #include "common/Logging.h"
 
+#include <algorithm>
+#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -83,9 +85,11 @@ void UiaEventQueue::destroy() {
 
 void UiaEventQueue::end() {
     std::deque<QueueEntry> left;  // waiting callers get the default result
+    left.swap(taken_);
     EnterCriticalSection(&lock_);
     ended_ = true;
-    left.swap(entries_);
+    std::move(entries_.begin(), entries_.end(), std::back_inserter(left));
+    entries_.clear();
     LeaveCriticalSection(&lock_);
     TOLVA_LOG(logger, 9, "left: " << left.size());
 }
@@ -94,8 +98,12 @@ bool UiaEventQueue::enqueue(QueueEntry& entry) {
     EnterCriticalSection(&lock_);
     const bool taken = !ended_;
     if (taken) {
+        // The dispatch thread waits only after it found the queue empty.
+        const bool wake = entries_.empty();
         entries_.push_back(std::move(entry));
-        SetEvent(wakeEvent_.get());
+        if (wake) {
+            SetEvent(wakeEvent_.get());
+        }
     }
     LeaveCriticalSection(&lock_);
     return taken;
@@ -109,15 +117,18 @@ void UiaEventQueue::post(std::unique_ptr<UiaEvent> event) {
 }
 
 QueueEntry UiaEventQueue::next() {
-    EnterCriticalSection(&lock_);
     for (;;) {
-        if (!entries_.empty()) {
-            QueueEntry event = std::move(entries_.front());
-            entries_.pop_front();
-            LeaveCriticalSection(&lock_);
+        if (!taken_.empty()) {
+            QueueEntry event = std::move(taken_.front());
+            taken_.pop_front();
             return event;
         }
+        EnterCriticalSection(&lock_);
+        taken_.swap(entries_);
         LeaveCriticalSection(&lock_);
+        if (!taken_.empty()) {
+            continue;
+        }
         HANDLE wake = wakeEvent_.get();
         DWORD waited = MsgWaitForMultipleObjects(1, &wake, FALSE, IDLE_WAIT_MS, WAKE_MASK);
         if (waited == WAIT_TIMEOUT) {
@@ -132,7 +143,6 @@ QueueEntry UiaEventQueue::next() {
                 DispatchMessageW(&msg);
             }
         }
-        EnterCriticalSection(&lock_);
     }
 }
 
