@@ -189,10 +189,10 @@ TEST_F(RecordingLoad, ABurstOfFourThreadsGoesUpCompleteInOrderAndFast) {
     }
     ASSERT_EQ(static_cast<size_t>(THREADS), next.size());
     for (int t = 0; t < THREADS; ++t) EXPECT_EQ(perThread, next[handleOf(*buttons[t])]) << "button " << t;
-    // The driver must bear 50,000 events a second; measured alone its share
-    // is well above that, so that a third of it still holds on a busy machine.
+    // The driver's own share must bear 50,000 events a second; the host's and
+    // the platform's parts are the test's, and a busy machine slows them too.
     EXPECT_GT(events / whole, 2000.0) << "the road is stuck somewhere";
-    EXPECT_LT(driver * 1e6 / events, 3 * 20.0) << "the driver's share per event";
+    EXPECT_LT(driver * 1e6 / events, 20.0) << "the driver alone bears less than 50,000 events a second";
 }
 
 // --- latency -----------------------------------------------------------------------------
@@ -242,7 +242,7 @@ TEST_F(RecordingLoad, AtAThousandEventsASecondEachReachesJavaWithinMilliseconds)
     const double p50 = delays[count / 2], p99 = delays[count * 99 / 100], max = delays.back();
     std::printf("%d events at %.0f/s: delay p50 %.3f ms, p99 %.3f ms, max %.3f ms\n", count, count / seconds, p50,
                 p99, max);
-    EXPECT_LT(p50, 5.0) << "half the events wait: a timer or a poll";
+    EXPECT_LT(p50, 2.0) << "half the events wait: a timer or a poll";
     EXPECT_LT(p99, 50.0) << "the slowest percent wait";
 }
 
