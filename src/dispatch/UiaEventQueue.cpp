@@ -14,8 +14,9 @@ namespace {
 Logger& logger = Log::getLogger("tolva.uia.UiaEventQueue");
 
 // The current queue. Never destroyed itself, like its lock: a poster may
-// come at any time, also while the process ends.
-std::mutex instanceLock;
+// come at any time, also while the process ends. Posters share the lock, so
+// that the platform's threads don't queue up behind each other for it.
+SRWLOCK instanceLock = SRWLOCK_INIT;
 std::shared_ptr<UiaEventQueue>* const instance = new std::shared_ptr<UiaEventQueue>();
 
 // Wake for the queue's event or for these inputs; keys, paint and hot keys
@@ -50,21 +51,23 @@ UiaEventQueue::~UiaEventQueue() {
 }
 
 void UiaEventQueue::create(DWORD threadId) {
-    std::lock_guard<std::mutex> guard(instanceLock);
-    if (*instance) {
-        TOLVA_LOG(logger, 1, "Already created");
-        return;
-    }
     TOLVA_LOG(logger, 7, "tid: " << threadId);
-    instance->reset(new UiaEventQueue(threadId), [](UiaEventQueue* queue) { delete queue; });
+    std::shared_ptr<UiaEventQueue> made(new UiaEventQueue(threadId), [](UiaEventQueue* queue) { delete queue; });
+    AcquireSRWLockExclusive(&instanceLock);
+    const bool taken = !*instance;
+    if (taken) {
+        instance->swap(made);
+    }
+    ReleaseSRWLockExclusive(&instanceLock);
+    if (!taken) {
+        TOLVA_LOG(logger, 1, "Already created");
+    }
 }
 
 std::shared_ptr<UiaEventQueue> UiaEventQueue::getInstance() {
-    std::shared_ptr<UiaEventQueue> queue;
-    {
-        std::lock_guard<std::mutex> guard(instanceLock);
-        queue = *instance;
-    }
+    AcquireSRWLockShared(&instanceLock);
+    std::shared_ptr<UiaEventQueue> queue = *instance;  // copying a shared_ptr doesn't throw
+    ReleaseSRWLockShared(&instanceLock);
     if (!queue) {
         TOLVA_LOG(logger, 3, "No event queue");
     }
@@ -74,10 +77,9 @@ std::shared_ptr<UiaEventQueue> UiaEventQueue::getInstance() {
 void UiaEventQueue::destroy() {
     TOLVA_LOG(logger, 7, "");
     std::shared_ptr<UiaEventQueue> ending;
-    {
-        std::lock_guard<std::mutex> guard(instanceLock);
-        ending.swap(*instance);
-    }
+    AcquireSRWLockExclusive(&instanceLock);
+    ending.swap(*instance);
+    ReleaseSRWLockExclusive(&instanceLock);
     if (ending) {
         ending->end();
     }
