@@ -5,9 +5,9 @@
 // the map, held only for the look-up or the change.
 #pragma once
 
-#include <map>
 #include <windows.h>
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
