@@ -50,11 +50,16 @@ template <class F>
 auto Preferences::withValue(std::wstring_view key, F use) -> decltype(use(std::wstring_view())) {
     TOLVA_LOG(logger, 9, "key: " << std::wstring(key));
     {
-        std::lock_guard<std::mutex> guard(lock_);
+        AcquireSRWLockShared(&lock_);
         auto found = store_.find(key);
         if (found != store_.end()) {
+            struct Release {
+                SRWLOCK* lock;
+                ~Release() { ReleaseSRWLockShared(lock); }
+            } release{&lock_};
             return use(std::wstring_view(found->second));
         }
+        ReleaseSRWLockShared(&lock_);
     }
     for (const Default& entry : defaults) {
         if (key == *entry.key) {
@@ -72,13 +77,19 @@ void Preferences::setPreference(const std::wstring& key, const std::wstring& val
     TOLVA_LOG(logger, 9, "pref: " << key << " value: " << value);
     std::size_t size = 0;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (value == NULL_JAVA_STRING) {
-            store_.erase(key);
-        } else {
-            store_[key] = value;
-            size = store_.size();
+        AcquireSRWLockExclusive(&lock_);
+        try {
+            if (value == NULL_JAVA_STRING) {
+                store_.erase(key);
+            } else {
+                store_[key] = value;
+                size = store_.size();
+            }
+        } catch (...) {
+            ReleaseSRWLockExclusive(&lock_);
+            throw;
         }
+        ReleaseSRWLockExclusive(&lock_);
     }
     if (value == NULL_JAVA_STRING) {
         TOLVA_LOG(logger, 9, "erasing pref from store");

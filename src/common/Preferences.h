@@ -5,8 +5,9 @@
 // the map, held only for the look-up or the change.
 #pragma once
 
+#include <windows.h>
+
 #include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,7 +53,9 @@ private:
     template <class F>
     auto withValue(std::wstring_view key, F use) -> decltype(use(std::wstring_view()));
 
-    std::mutex lock_;
+    // Shared by readers: the recorder's threads read preferences for every
+    // event, and must not queue up behind each other for it.
+    SRWLOCK lock_ = SRWLOCK_INIT;
     std::map<std::wstring, std::wstring, std::less<>> store_;
 };
 

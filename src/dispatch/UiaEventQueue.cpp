@@ -2,7 +2,8 @@
 
 #include "common/Logging.h"
 
-#include <mutex>
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace tolva {
@@ -12,8 +13,9 @@ namespace {
 Logger& logger = Log::getLogger("tolva.uia.UiaEventQueue");
 
 // The current queue. Never destroyed itself, like its lock: a poster may
-// come at any time, also while the process ends.
-std::mutex instanceLock;
+// come at any time, also while the process ends. Posters share the lock, so
+// that the platform's threads don't queue up behind each other for it.
+SRWLOCK instanceLock = SRWLOCK_INIT;
 std::shared_ptr<UiaEventQueue>* const instance = new std::shared_ptr<UiaEventQueue>();
 
 // Wake for the queue's event or for these inputs; keys, paint and hot keys
@@ -48,21 +50,23 @@ UiaEventQueue::~UiaEventQueue() {
 }
 
 void UiaEventQueue::create(DWORD threadId) {
-    std::lock_guard<std::mutex> guard(instanceLock);
-    if (*instance) {
-        TOLVA_LOG(logger, 1, "Already created");
-        return;
-    }
     TOLVA_LOG(logger, 7, "tid: " << threadId);
-    instance->reset(new UiaEventQueue(threadId), [](UiaEventQueue* queue) { delete queue; });
+    std::shared_ptr<UiaEventQueue> made(new UiaEventQueue(threadId), [](UiaEventQueue* queue) { delete queue; });
+    AcquireSRWLockExclusive(&instanceLock);
+    const bool taken = !*instance;
+    if (taken) {
+        instance->swap(made);
+    }
+    ReleaseSRWLockExclusive(&instanceLock);
+    if (!taken) {
+        TOLVA_LOG(logger, 1, "Already created");
+    }
 }
 
 std::shared_ptr<UiaEventQueue> UiaEventQueue::getInstance() {
-    std::shared_ptr<UiaEventQueue> queue;
-    {
-        std::lock_guard<std::mutex> guard(instanceLock);
-        queue = *instance;
-    }
+    AcquireSRWLockShared(&instanceLock);
+    std::shared_ptr<UiaEventQueue> queue = *instance;  // copying a shared_ptr doesn't throw
+    ReleaseSRWLockShared(&instanceLock);
     if (!queue) {
         TOLVA_LOG(logger, 3, "No event queue");
     }
@@ -72,10 +76,9 @@ std::shared_ptr<UiaEventQueue> UiaEventQueue::getInstance() {
 void UiaEventQueue::destroy() {
     TOLVA_LOG(logger, 7, "");
     std::shared_ptr<UiaEventQueue> ending;
-    {
-        std::lock_guard<std::mutex> guard(instanceLock);
-        ending.swap(*instance);
-    }
+    AcquireSRWLockExclusive(&instanceLock);
+    ending.swap(*instance);
+    ReleaseSRWLockExclusive(&instanceLock);
     if (ending) {
         ending->end();
     }
@@ -83,9 +86,11 @@ void UiaEventQueue::destroy() {
 
 void UiaEventQueue::end() {
     std::deque<QueueEntry> left;  // waiting callers get the default result
+    left.swap(taken_);
     EnterCriticalSection(&lock_);
     ended_ = true;
-    left.swap(entries_);
+    std::move(entries_.begin(), entries_.end(), std::back_inserter(left));
+    entries_.clear();
     LeaveCriticalSection(&lock_);
     TOLVA_LOG(logger, 9, "left: " << left.size());
 }
@@ -94,8 +99,12 @@ bool UiaEventQueue::enqueue(QueueEntry& entry) {
     EnterCriticalSection(&lock_);
     const bool taken = !ended_;
     if (taken) {
+        // The dispatch thread waits only after it found the queue empty.
+        const bool wake = entries_.empty();
         entries_.push_back(std::move(entry));
-        SetEvent(wakeEvent_.get());
+        if (wake) {
+            SetEvent(wakeEvent_.get());
+        }
     }
     LeaveCriticalSection(&lock_);
     return taken;
@@ -109,15 +118,18 @@ void UiaEventQueue::post(std::unique_ptr<UiaEvent> event) {
 }
 
 QueueEntry UiaEventQueue::next() {
-    EnterCriticalSection(&lock_);
     for (;;) {
-        if (!entries_.empty()) {
-            QueueEntry event = std::move(entries_.front());
-            entries_.pop_front();
-            LeaveCriticalSection(&lock_);
+        if (!taken_.empty()) {
+            QueueEntry event = std::move(taken_.front());
+            taken_.pop_front();
             return event;
         }
+        EnterCriticalSection(&lock_);
+        taken_.swap(entries_);
         LeaveCriticalSection(&lock_);
+        if (!taken_.empty()) {
+            continue;
+        }
         HANDLE wake = wakeEvent_.get();
         DWORD waited = MsgWaitForMultipleObjects(1, &wake, FALSE, IDLE_WAIT_MS, WAKE_MASK);
         if (waited == WAIT_TIMEOUT) {
@@ -132,7 +144,6 @@ QueueEntry UiaEventQueue::next() {
                 DispatchMessageW(&msg);
             }
         }
-        EnterCriticalSection(&lock_);
     }
 }
 

@@ -1,5 +1,8 @@
 // The work queue of the dispatch thread. Any thread may post; only the
 // dispatch thread takes entries, pumping its Windows messages while it waits.
+// It takes them in batches, one lock for all that stand in the queue, and a
+// poster wakes it only when the queue was empty, so that a burst of events
+// costs neither a lock hand-over nor a wake-up per event.
 // At the end of the dispatch loop the queue ends: it takes no more work, and
 // every entry still in it is completed without running, so that no caller
 // waits for work that will never run. A poster may keep the queue as long as
@@ -82,7 +85,10 @@ private:
     bool enqueue(QueueEntry& entry);  // false, with the entry untouched, once ended
     void end();
 
-    std::deque<QueueEntry> entries_;
+    std::deque<QueueEntry> entries_;  // guarded by lock_
+    // The dispatch thread's batch: all that stood in entries_ when it last
+    // looked, taken in one go and run in order before it looks again.
+    std::deque<QueueEntry> taken_;
     CRITICAL_SECTION lock_;
     UniqueHandle wakeEvent_;
     DWORD threadId_;

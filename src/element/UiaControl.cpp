@@ -211,13 +211,18 @@ std::wstring UiaControl::noIdKeyPart(IUIAutomationElement* element, const std::w
 }
 
 std::wstring UiaControl::buildKey(IUIAutomationElement* element, std::wstring& type, UiaControl* parent,
-                                  std::wstring& name, bool& nameRead, bool& found) {
+                                  const std::wstring* knownId, std::wstring& name, bool& nameRead,
+                                  bool& found) {
     Preferences& preferences = Preferences::getInstance();
     std::wstring id;
-    HRESULT hr = UiaHelper::GetControlRuntimeId(element, id);
-    if (FAILED(hr)) {
-        TOLVA_LOG(logger, 3, "Failed to get an id " << std::hex << hr);
-        id.clear();
+    if (knownId) {
+        id = *knownId;
+    } else {
+        HRESULT hr = UiaHelper::GetControlRuntimeId(element, id);
+        if (FAILED(hr)) {
+            TOLVA_LOG(logger, 3, "Failed to get an id " << std::hex << hr);
+            id.clear();
+        }
     }
     if (!id.empty() && preferences.getFlag(PREF_RID_APPEND_CHILDID)) {
         const int childId = UiaHelper::GetControlChildId(element);
@@ -251,12 +256,22 @@ UiaControl* UiaControl::getControl(IUIAutomationElement* element, std::wstring t
 }
 
 ControlRef UiaControl::getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent) {
+    return findOrMake(element, std::move(type), parent, nullptr);
+}
+
+ControlRef UiaControl::getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent,
+                                       const std::wstring& runtimeId) {
+    return findOrMake(element, std::move(type), parent, &runtimeId);
+}
+
+ControlRef UiaControl::findOrMake(IUIAutomationElement* element, std::wstring type, UiaControl* parent,
+                                  const std::wstring* knownId) {
     TOLVA_LOG(logger, 7, "el: " << static_cast<void*>(element) << ", type: " << type
                                 << ", p: " << static_cast<void*>(parent));
     std::wstring name;
     bool nameRead = false;
     bool found = false;
-    const std::wstring key = buildKey(element, type, parent, name, nameRead, found);
+    const std::wstring key = buildKey(element, type, parent, knownId, name, nameRead, found);
     if (!found) {
         return ControlRef();
     }

@@ -63,6 +63,10 @@ public:
     // The same, with a use of the control for the caller: a control that
     // another thread may remove at once stays whole while the use is held.
     static ControlRef getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent);
+    // The same for an element whose runtime id the caller has read already,
+    // as UiaHelper::GetControlRuntimeId gives it: the id isn't asked again.
+    static ControlRef getControlInUse(IUIAutomationElement* element, std::wstring type, UiaControl* parent,
+                                      const std::wstring& runtimeId);
     static bool isValidHandle(std::intptr_t handle);  // never touches the value
     // A use of the control behind a handle, or an empty one; never touches
     // the value unless it stands in the table.
@@ -124,8 +128,11 @@ private:
     void dropUse();
 
     wchar_t* getGridItem(IUIAutomationElement* element, const std::wstring& attribute);
+    // knownId: the runtime id as read already, or null to read it.
     static std::wstring buildKey(IUIAutomationElement* element, std::wstring& type, UiaControl* parent,
-                                 std::wstring& name, bool& nameRead, bool& found);
+                                 const std::wstring* knownId, std::wstring& name, bool& nameRead, bool& found);
+    static ControlRef findOrMake(IUIAutomationElement* element, std::wstring type, UiaControl* parent,
+                                 const std::wstring* knownId);
     static std::wstring noIdKeyPart(IUIAutomationElement* element, const std::wstring& type, UiaControl* parent,
                                     std::wstring& name);
 

@@ -126,6 +126,7 @@ void EventFilter::detachThread() {
     // The cached classes are local references of this thread and go with its
     // detach; a dispatch thread of a later connection loads them anew.
     classCache().clear();
+    constructors_.clear();
     javaVM_->DetachCurrentThread();
 }
 
@@ -134,6 +135,7 @@ void EventFilter::forgetClasses() {
         entry.second.reset(env_);
     }
     classCache().clear();
+    constructors_.clear();
 }
 
 bool EventFilter::dropJavaException() {
@@ -237,15 +239,27 @@ bool EventFilter::clearJavaException() {
 }
 
 jobject EventFilter::newJavaEvent(const char* simpleName, const char* signature, ...) {
-    jclass clazz = getClass(eventClass(simpleName));
-    if (!clazz) {
-        return nullptr;
+    jclass clazz = nullptr;
+    jmethodID init = nullptr;
+    for (const Constructor& known : constructors_) {
+        if (known.simpleName == simpleName && known.signature == signature) {
+            clazz = known.clazz;
+            init = known.init;
+            break;
+        }
     }
-    jmethodID init = env_->GetMethodID(clazz, "<init>", signature);
     if (!init) {
-        dropJavaException();
-        TOLVA_LOG(logger, 1, "No constructor " << simpleName << signature);
-        return nullptr;
+        clazz = getClass(eventClass(simpleName));
+        if (!clazz) {
+            return nullptr;
+        }
+        init = env_->GetMethodID(clazz, "<init>", signature);
+        if (!init) {
+            dropJavaException();
+            TOLVA_LOG(logger, 1, "No constructor " << simpleName << signature);
+            return nullptr;
+        }
+        constructors_.push_back({simpleName, signature, clazz, init});
     }
     va_list arguments;
     va_start(arguments, signature);

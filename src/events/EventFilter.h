@@ -78,6 +78,17 @@ private:
     // The label at the index of the host's array; empty for a null entry or one that is no string.
     std::wstring labelAt(jobjectArray labels, std::int32_t index, jclass stringClass);
 
+    // The constructors found so far, by the simple name and signature that
+    // asked for them (the callers' literals); they stand as long as the
+    // cached classes do.
+    struct Constructor {
+        const char* simpleName;
+        const char* signature;
+        jclass clazz;
+        jmethodID init;
+    };
+    std::vector<Constructor> constructors_;
+
     JavaVM* javaVM_ = nullptr;
     JNIEnv* env_ = nullptr;
     GlobalRef<jobject> callback_;

@@ -72,11 +72,12 @@ std::wstring automationEventName(std::int32_t eventId) {
 }
 
 UiaAutoEventPoster::UiaAutoEventPoster(IUIAutomationElement* sender, std::int32_t code, std::int32_t param,
-                                       std::wstring text)
+                                       std::wstring text, std::wstring runtimeId)
     : element_(ComPtr<IUIAutomationElement>::share(sender)),
       code_(code),
       param_(param),
       text_(std::move(text)),
+      runtimeId_(std::move(runtimeId)),
       timestamp_(currentTimeMillis()) {}
 
 std::int32_t UiaAutoEventPoster::operator()() {
@@ -84,8 +85,10 @@ std::int32_t UiaAutoEventPoster::operator()() {
     if (UiaAutoEventHandler::hasToplevels) {
         // A closed window can't tell its type any more; its control, if it
         // has one, still knows it.
-        control = UiaControl::getControlInUse(element_.get(), code_ == UIA_Window_WindowClosedEventId ? L"Window" : L"",
-                                              nullptr);
+        std::wstring type = code_ == UIA_Window_WindowClosedEventId ? L"Window" : L"";
+        control = runtimeId_.empty()
+                      ? UiaControl::getControlInUse(element_.get(), std::move(type), nullptr)
+                      : UiaControl::getControlInUse(element_.get(), std::move(type), nullptr, runtimeId_);
     }
     element_.reset();
     if (control && control->type.empty()) {

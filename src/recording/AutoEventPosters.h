@@ -32,8 +32,10 @@ std::wstring automationEventName(std::int32_t eventId);
 class UiaAutoEventPoster : public Runnable {
 public:
     // Takes a reference of its own on the sender, given up when it runs or,
-    // unrun, when it goes.
-    UiaAutoEventPoster(IUIAutomationElement* sender, std::int32_t code, std::int32_t param, std::wstring text);
+    // unrun, when it goes. runtimeId: the sender's as the platform's thread
+    // read it, so that the dispatch thread needn't ask again; empty if unknown.
+    UiaAutoEventPoster(IUIAutomationElement* sender, std::int32_t code, std::int32_t param, std::wstring text,
+                       std::wstring runtimeId = std::wstring());
     std::int32_t operator()() override;
 
 private:
@@ -45,6 +47,7 @@ private:
     std::int32_t code_;
     std::int32_t param_;
     std::wstring text_;
+    std::wstring runtimeId_;
     std::int64_t timestamp_;
 };
 

@@ -262,7 +262,9 @@ HRESULT STDMETHODCALLTYPE UiaAutoEventHandler::HandleAutomationEvent(IUIAutomati
         default:
             break;
         }
-        post(new UiaAutoEventPoster(sender, eventId, 0, L""));
+        // A closed window is looked up at dispatch as it stands then, as always.
+        const bool ridHolds = SUCCEEDED(hr) && eventId != UIA_Window_WindowClosedEventId;
+        post(new UiaAutoEventPoster(sender, eventId, 0, L"", ridHolds ? rid : std::wstring()));
     } catch (...) {
         TOLVA_LOG(logger, 1, "Event lost: " << eventId);
     }
@@ -279,13 +281,14 @@ HRESULT STDMETHODCALLTYPE UiaAutoEventHandler::HandlePropertyChangedEvent(IUIAut
                                         << ", vt: " << newValue.vt);
         std::wstring text;
         HRESULT hr = S_OK;
-        const std::wstring rid = runtimeIdOf(sender, hr);
+        std::wstring rid = runtimeIdOf(sender, hr);
         if (SUCCEEDED(hr)) {
             TOLVA_LOG(logger, 9, "rid: " << rid << ", name: " << UiaHelper::GetControlName(sender));
             text = textOf(newValue);
             TOLVA_LOG(logger, 9, "v: " << text);
         }
-        post(new UiaAutoEventPoster(sender, EVENT_PROPERTY_CHANGED, propertyId, std::move(text)));
+        post(new UiaAutoEventPoster(sender, EVENT_PROPERTY_CHANGED, propertyId, std::move(text),
+                                    SUCCEEDED(hr) ? std::move(rid) : std::wstring()));
     } catch (...) {
         TOLVA_LOG(logger, 1, "Event lost: " << propertyId);
     }

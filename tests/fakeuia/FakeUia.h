@@ -241,7 +241,7 @@ public:
     void clearFailure(const std::string& methodOrGetter);
     void clearFailures();
     // Called on the reading thread, without the lock, before each property
-    // read (get_Current*, GetCurrentPropertyValue[Ex]) on an element of this
+    // read (get_Current*, GetCurrentPropertyValue[Ex], GetRuntimeId) on an element of this
     // node, with the method name: a test can hold a reader there. Empty: none.
     void beforeRead(std::function<void(const std::string& method)> hook);
 

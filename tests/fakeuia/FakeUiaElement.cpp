@@ -55,6 +55,7 @@ public:
     HRESULT STDMETHODCALLTYPE GetRuntimeId(SAFEARRAY** runtimeId) override {
         if (!runtimeId) return E_POINTER;
         *runtimeId = nullptr;
+        beforeRead("GetRuntimeId");
         std::vector<int> id;
         {
             std::lock_guard<std::mutex> lock(state_->mu);

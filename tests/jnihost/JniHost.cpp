@@ -334,7 +334,8 @@ Target Impl::dispatch(Klass* start, Method* m, bool isVirtual) {
   t.at = m->owner;
   if (isVirtual && start && !m->isStatic && m->name != "<init>") {
     for (Klass* k = start; k; k = k->super) {
-      auto h = handlers.find({k->name, m->name, m->sig});
+      // Most runs route nothing: no key of three strings is made for them.
+      auto h = handlers.empty() ? handlers.end() : handlers.find({k->name, m->name, m->sig});
       Method* d = declared(k, m->name, m->sig);
       if (h != handlers.end()) {
         t.at = k;
@@ -349,7 +350,7 @@ Target Impl::dispatch(Klass* start, Method* m, bool isVirtual) {
       }
     }
   }
-  auto h = handlers.find({t.at->name, m->name, m->sig});
+  auto h = handlers.empty() ? handlers.end() : handlers.find({t.at->name, m->name, m->sig});
   if (h != handlers.end()) t.handler = h->second;
   return t;
 }
@@ -637,7 +638,7 @@ void Impl::violate(const std::string& what) {
 }
 
 void Impl::recordCall(Klass* at, Method* m, Obj* self, const std::vector<Val>& args) {
-  ++callCounts[m->name];
+  counted(callCounts, m->name, ++callCounts[m->name]);
   if (!opt.recordCalls) return;
   Call c;
   c.className = at->name;
@@ -647,11 +648,10 @@ void Impl::recordCall(Klass* at, Method* m, Obj* self, const std::vector<Val>& a
   c.threadId = GetCurrentThreadId();
   c.self = javaRef(self);
   callLog.push_back(std::move(c));
-  cv.notify_all();
 }
 
 void Impl::recordConstruction(Klass* k, Method* ctor, Obj* o, const std::vector<Val>& args) {
-  ++constructionCounts[k->name];
+  counted(constructionCounts, k->name, ++constructionCounts[k->name]);
   if (!opt.recordCalls) return;
   Construction c;
   c.className = k->name;
@@ -660,7 +660,28 @@ void Impl::recordConstruction(Klass* k, Method* ctor, Obj* o, const std::vector<
   c.threadId = GetCurrentThreadId();
   c.object = javaRef(o);
   constructionLog.push_back(std::move(c));
-  cv.notify_all();
+}
+
+void Impl::counted(const std::map<std::string, size_t>& counts, const std::string& name, size_t now) {
+  for (const CountWait* wait : countWaits) {
+    if (wait->counts == &counts && now == wait->count && *wait->name == name) {
+      cv.notify_all();
+      return;
+    }
+  }
+}
+
+bool Impl::waitForCount(std::unique_lock<std::mutex>& lk, const std::map<std::string, size_t>& counts,
+                        const std::string& name, size_t count, unsigned timeoutMs) {
+  auto reached = [&] {
+    auto it = counts.find(name);
+    return it != counts.end() && it->second >= count;
+  };
+  const CountWait wait{&counts, &name, count};
+  countWaits.push_back(&wait);
+  const bool done = cv.wait_for(lk, std::chrono::milliseconds(timeoutMs), reached);
+  countWaits.erase(std::find(countWaits.begin(), countWaits.end(), &wait));
+  return done;
 }
 
 Val Impl::run(Ctx& c, const Target& t, Obj* self, const std::vector<Val>& args, bool& threw) {
@@ -1331,23 +1352,15 @@ std::vector<Construction> JavaHost::constructions(const std::string& className) 
 }
 
 bool JavaHost::waitForCalls(const std::string& method, size_t count, unsigned timeoutMs) const {
+  // By the counts, which every call keeps up at once: a wait over a long run
+  // doesn't walk the records.
   auto lk = lockOf(*impl_);
-  return impl_->cv.wait_for(lk, std::chrono::milliseconds(timeoutMs), [&] {
-    size_t n = 0;
-    for (const Call& c : impl_->callLog)
-      if (c.method == method) ++n;
-    return n >= count;
-  });
+  return impl_->waitForCount(lk, impl_->callCounts, method, count, timeoutMs);
 }
 
 bool JavaHost::waitForConstructions(const std::string& className, size_t count, unsigned timeoutMs) const {
   auto lk = lockOf(*impl_);
-  return impl_->cv.wait_for(lk, std::chrono::milliseconds(timeoutMs), [&] {
-    size_t n = 0;
-    for (const Construction& c : impl_->constructionLog)
-      if (c.className == className) ++n;
-    return n >= count;
-  });
+  return impl_->waitForCount(lk, impl_->constructionCounts, className, count, timeoutMs);
 }
 
 int JavaHost::loadClassCount(const std::string& dottedName) const {

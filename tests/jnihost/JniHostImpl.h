@@ -187,6 +187,18 @@ struct Impl {
   std::vector<Construction> constructionLog;
   std::map<std::string, int> loadCounts;
   std::map<std::string, size_t> callCounts, constructionCounts;  // by method name, by class
+  // The threads waiting for a count (waitForCalls, waitForConstructions):
+  // a record wakes them only when it brings the count they wait for, so
+  // that a long run of events doesn't wake them, and take the lock, each time.
+  struct CountWait {
+    const std::map<std::string, size_t>* counts;
+    const std::string* name;
+    size_t count;
+  };
+  std::vector<const CountWait*> countWaits;
+  void counted(const std::map<std::string, size_t>& counts, const std::string& name, size_t now);
+  bool waitForCount(std::unique_lock<std::mutex>& lk, const std::map<std::string, size_t>& counts,
+                    const std::string& name, size_t count, unsigned timeoutMs);
   std::vector<std::string> violationLog, pendingCallLog, uncaughtLog;
   int threadCounter = 0;
 
