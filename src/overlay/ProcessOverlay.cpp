@@ -131,17 +131,23 @@ void paintCover(HWND window, bool busy) {
     ReleaseDC(window, dc);
 }
 
-HWND makeCover(HINSTANCE instance) {
+// The classes of both windows: redrawn whole on a size change, in the face
+// colour. A class that can't be registered leaves its window unmade.
+void registerOverlayClass(HINSTANCE instance, const wchar_t* name, WNDPROC procedure, LPCWSTR cursorId) {
     WNDCLASSW windowClass{};
     windowClass.style = CS_VREDRAW | CS_HREDRAW;
-    windowClass.lpfnWndProc = ProcessOverlay::CoverWndProc;
+    windowClass.lpfnWndProc = procedure;
     windowClass.hInstance = instance;
-    windowClass.hCursor = cursor(IDC_WAIT);
+    windowClass.hCursor = cursor(cursorId);
     windowClass.hbrBackground = FACE_BRUSH;
-    windowClass.lpszClassName = COVER_CLASS;
+    windowClass.lpszClassName = name;
     if (!registerWindowClass(windowClass)) {
-        TOLVA_LOG(logger, 3, "Cover class not registered: " << GetLastError());
+        TOLVA_LOG(logger, 3, "Class not registered: " << GetLastError());
     }
+}
+
+HWND makeCover(HINSTANCE instance) {
+    registerOverlayClass(instance, COVER_CLASS, ProcessOverlay::CoverWndProc, IDC_WAIT);
     POINT pointer{};
     GetCursorPos(&pointer);
     const HWND cover = CreateWindowExW(WS_EX_NOACTIVATE | WS_EX_LAYERED | WS_EX_TOPMOST, COVER_CLASS, COVER_TITLE,
@@ -157,16 +163,7 @@ HWND makeCover(HINSTANCE instance) {
 }
 
 HWND makeInfo(HINSTANCE instance) {
-    WNDCLASSW windowClass{};
-    windowClass.style = CS_VREDRAW | CS_HREDRAW;
-    windowClass.lpfnWndProc = ProcessOverlay::InfoWndProc;
-    windowClass.hInstance = instance;
-    windowClass.hCursor = cursor(IDC_ARROW);
-    windowClass.hbrBackground = FACE_BRUSH;
-    windowClass.lpszClassName = INFO_CLASS;
-    if (!registerWindowClass(windowClass)) {
-        TOLVA_LOG(logger, 3, "Info class not registered: " << GetLastError());
-    }
+    registerOverlayClass(instance, INFO_CLASS, ProcessOverlay::InfoWndProc, IDC_ARROW);
     int top = GetSystemMetrics(SM_CYSCREEN) - INFO_HEIGHT - 80;
     // Another target's info window stands there already: this one goes above.
     if (FindWindowW(INFO_CLASS, nullptr)) {

@@ -9,6 +9,7 @@
 #include "events/EventFilter.h"
 #include "overlay/Highlighter.h"
 #include "overlay/ProcessOverlay.h"
+#include "overlay/WindowClass.h"
 #include "uiahelper/Common.h"
 #include "uiahelper/Naming.h"
 #include "uiahelper/Regex.h"
@@ -75,20 +76,12 @@ HCURSOR arrowCursor() {
 void hide(HWND window) { SetWindowPos(window, nullptr, 0, 0, 0, 0, HIDE_FLAGS); }
 
 bool RegisterOverlayClass(HINSTANCE instance) {
-    WNDCLASSW existing{};
-    if (GetClassInfoW(instance, OVERLAY_CLASS, &existing)) {
-        if (existing.lpfnWndProc == UiaChecker::WndProc) {
-            return true;
-        }
-        // Left by an earlier load of the driver, whose procedure is gone.
-        UnregisterClassW(OVERLAY_CLASS, instance);
-    }
     WNDCLASSW windowClass{};
     windowClass.lpfnWndProc = UiaChecker::WndProc;
     windowClass.hInstance = instance;
     windowClass.hbrBackground = FACE_BRUSH;
     windowClass.lpszClassName = OVERLAY_CLASS;
-    if (!RegisterClassW(&windowClass)) {
+    if (!registerWindowClass(windowClass)) {
         TOLVA_LOG(logger, 1, "Error registering class");
         return false;
     }

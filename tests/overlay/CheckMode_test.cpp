@@ -4,6 +4,7 @@
 // default check on a left click and the chosen check of a menu on a right
 // click.
 #include "DriverTest.h"
+#include "OverlayTest.h"
 #include "TargetProcess.h"
 
 #include <atomic>
@@ -12,6 +13,10 @@
 #include <vector>
 
 using dwtest::DriverTest;
+using dwtest::ownWindowOf;
+using dwtest::paintedPixel;
+using dwtest::pumpFor;
+using dwtest::shown;
 
 namespace {
 
@@ -19,25 +24,6 @@ const int OTHER_PID = 4242;
 const RECT BUTTON = {150, 150, 250, 200};
 const RECT PLUGIN = {300, 300, 420, 380};  // of a child process, inside the target's window
 const RECT ELSEWHERE = {600, 100, 700, 200};  // another program's window
-
-void pumpFor(int ms) {
-    const DWORD end = GetTickCount() + static_cast<DWORD>(ms);
-    do {
-        MSG msg;
-        while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
-        Sleep(10);
-    } while (static_cast<int>(end - GetTickCount()) > 0);
-}
-
-HWND ownWindowOf(const wchar_t* className) {
-    for (HWND w = FindWindowExW(nullptr, nullptr, className, nullptr); w;
-         w = FindWindowExW(nullptr, w, className, nullptr)) {
-        DWORD pid = 0;
-        GetWindowThreadProcessId(w, &pid);
-        if (pid == GetCurrentProcessId()) return w;
-    }
-    return nullptr;
-}
 
 POINT centre(const RECT& r) { return {(r.left + r.right) / 2, (r.top + r.bottom) / 2}; }
 
@@ -57,18 +43,6 @@ void moveTo(POINT p) {
     input.mi.dy = MulDiv(p.y, 65535, GetSystemMetrics(SM_CYSCREEN) - 1);
     input.mi.dwFlags = MOUSEEVENTF_MOVE | MOUSEEVENTF_ABSOLUTE;
     SendInput(1, &input, sizeof(INPUT));
-}
-
-std::string shown(const RECT& r) {
-    return "[" + std::to_string(r.left) + "," + std::to_string(r.top) + "," + std::to_string(r.right) + "," +
-           std::to_string(r.bottom) + "]";
-}
-
-COLORREF paintedPixel(HWND window, int x, int y) {
-    const HDC dc = GetDC(window);
-    const COLORREF pixel = GetPixel(dc, x, y);
-    ReleaseDC(window, dc);
-    return pixel;
 }
 
 class CheckMode : public DriverTest {

@@ -2,6 +2,7 @@
 // control of a real window of this process, seen through the system (its
 // class, styles, region, pixels and lifetime), never through the log.
 #include "DriverTest.h"
+#include "OverlayTest.h"
 
 #include <chrono>
 #include <string>
@@ -9,6 +10,9 @@
 
 using dwtest::DriverTest;
 using dwtest::OwnWindow;
+using dwtest::paintedPixel;
+using dwtest::pumpFor;
+using dwtest::shown;
 
 namespace {
 
@@ -16,41 +20,8 @@ const wchar_t* const HIGHLIGHT_CLASS = L"TolvaHighlighterClass";
 const COLORREF DEFAULT_FRAME = 0x8080CC;
 const RECT TARGET = {100, 100, 500, 400};
 
-// Lets this thread's own windows paint while the driver's work on its own.
-void pumpFor(int ms) {
-    const DWORD end = GetTickCount() + static_cast<DWORD>(ms);
-    do {
-        MSG msg;
-        while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
-        Sleep(10);
-    } while (static_cast<int>(end - GetTickCount()) > 0);
-}
-
 // The highlight windows of this process.
-std::vector<HWND> highlights() {
-    std::vector<HWND> found;
-    for (HWND w = FindWindowExW(nullptr, nullptr, HIGHLIGHT_CLASS, nullptr); w;
-         w = FindWindowExW(nullptr, w, HIGHLIGHT_CLASS, nullptr)) {
-        DWORD pid = 0;
-        GetWindowThreadProcessId(w, &pid);
-        if (pid == GetCurrentProcessId()) found.push_back(w);
-    }
-    return found;
-}
-
-std::string shown(const RECT& r) {
-    return "[" + std::to_string(r.left) + "," + std::to_string(r.top) + "," + std::to_string(r.right) + "," +
-           std::to_string(r.bottom) + "]";
-}
-
-// What a window painted at a point of its own. (Under Wine the screen's DC
-// shows the desktop alone, not the windows on it.)
-COLORREF paintedPixel(HWND window, int x, int y) {
-    const HDC dc = GetDC(window);
-    const COLORREF pixel = GetPixel(dc, x, y);
-    ReleaseDC(window, dc);
-    return pixel;
-}
+std::vector<HWND> highlights() { return dwtest::ownWindowsOf(HIGHLIGHT_CLASS); }
 
 class Highlight : public DriverTest {
 protected:

@@ -3,6 +3,7 @@
 // platform answers which element lies there), covers a new element of the
 // target while Java prepares it, and names it in its info window.
 #include "DriverTest.h"
+#include "OverlayTest.h"
 #include "TargetProcess.h"
 
 #include <atomic>
@@ -11,30 +12,13 @@
 
 using dwtest::DriverTest;
 using dwtest::OwnWindow;
+using dwtest::ownWindowOf;
+using dwtest::pumpFor;
 
 namespace {
 
 const RECT TARGET = {100, 100, 500, 400};
 const int OTHER_PID = 4242;
-
-void pumpFor(int ms) {
-    const DWORD end = GetTickCount() + static_cast<DWORD>(ms);
-    do {
-        MSG msg;
-        while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
-        Sleep(10);
-    } while (static_cast<int>(end - GetTickCount()) > 0);
-}
-
-HWND ownWindowOf(const wchar_t* className) {
-    for (HWND w = FindWindowExW(nullptr, nullptr, className, nullptr); w;
-         w = FindWindowExW(nullptr, w, className, nullptr)) {
-        DWORD pid = 0;
-        GetWindowThreadProcessId(w, &pid);
-        if (pid == GetCurrentProcessId()) return w;
-    }
-    return nullptr;
-}
 
 std::wstring textOf(HWND window) {
     wchar_t text[256] = {};
