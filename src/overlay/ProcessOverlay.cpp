@@ -41,6 +41,8 @@ const unsigned OVERLAY_STACK_SIZE = 0x10000;
 const int QUIT_ATTEMPTS = 20;
 const DWORD QUIT_RETRY_MS = 10;
 
+void forgetLastElement();
+
 unsigned __stdcall overlayThreadProc(void* param) {
     const auto pid = static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(param));
     MSG message;
@@ -52,7 +54,9 @@ unsigned __stdcall overlayThreadProc(void* param) {
             TranslateMessage(&message);
             DispatchMessageW(&message);
         }
-        // The overlay goes after the apartment, as it came after it.
+        // The overlay goes after the apartment, as it came after it; the
+        // element it holds is given up while the apartment still stands.
+        forgetLastElement();
         CoUninitialize();
     }
     return 0;
@@ -107,6 +111,8 @@ POINT savedInfoPosition = {NO_POSITION, NO_POSITION};
 POINT createdInfoPosition = {0, 0};
 
 HCURSOR cursor(LPCWSTR id) { return LoadCursorW(nullptr, id); }
+
+void forgetLastElement() { lastElement.reset(); }
 
 void hide(HWND window) { SetWindowPos(window, nullptr, 0, 0, 0, 0, HIDE_FLAGS); }
 void showOnTop(HWND window) { SetWindowPos(window, HWND_TOPMOST, 0, 0, 0, 0, SHOW_FLAGS); }
