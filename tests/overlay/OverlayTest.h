@@ -42,8 +42,8 @@ inline std::string shown(const RECT& r) {
            std::to_string(r.bottom) + "]";
 }
 
-// What a window painted at a point of its own. (Under Wine the screen's DC
-// doesn't show the windows of the driver's dispatch thread.)
+// What a window painted at a point of its own. (Under Wine on Xvfb a window
+// with a hollow region, as the highlight's frame, shows nothing on the screen.)
 inline COLORREF paintedPixel(HWND window, int x, int y) {
     const HDC dc = GetDC(window);
     const COLORREF pixel = GetPixel(dc, x, y);
