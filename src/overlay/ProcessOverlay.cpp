@@ -4,7 +4,6 @@
 #include "common/ComPtr.h"
 #include "common/Logging.h"
 #include "common/Owners.h"
-#include "common/Preferences.h"
 #include "dispatch/UiaEventQueue.h"
 #include "overlay/WindowClass.h"
 #include "recording/AutoEventPosters.h"
@@ -204,15 +203,8 @@ HWND makeInfo(HINSTANCE instance) {
 bool ofTarget(IUIAutomationElement* element) {
     int pid = 0;
     UiaHelper::GetControlProcessId(element, &pid);
-    if (static_cast<DWORD>(pid) == targetPid) {
-        return true;
-    }
-    if (Preferences::getInstance().getFlag(PREF_REC_ELEMENT_WITH_DIFFERENT_PID) &&
-        UiaHelper::HasAncestorWithPid(element, static_cast<int>(targetPid))) {
-        TOLVA_LOG(logger, 5, "Found ancestor with PID");
-        return true;
-    }
-    return false;
+    return static_cast<DWORD>(pid) == targetPid ||
+           UiaHelper::ChildProcessCounts(element, static_cast<int>(targetPid), logger, __func__);
 }
 
 // Java prepares the element on the dispatch thread; the end of that comes

@@ -4,7 +4,6 @@
 
 #include "common/ComPtr.h"
 #include "common/Logging.h"
-#include "common/Preferences.h"
 #include "element/UiaControl.h"
 #include "events/EventFilter.h"
 #include "overlay/Highlighter.h"
@@ -91,15 +90,6 @@ bool RegisterOverlayClass(HINSTANCE instance) {
 std::int64_t handleOf(IUIAutomationElement* element) {
     UiaControl* control = UiaControl::getControl(element, L"", nullptr);
     return control ? static_cast<std::int64_t>(control->handle()) : 0;
-}
-
-bool childOfTarget(IUIAutomationElement* element, DWORD pid) {
-    if (!Preferences::getInstance().getFlag(PREF_REC_ELEMENT_WITH_DIFFERENT_PID) ||
-        !UiaHelper::HasAncestorWithPid(element, static_cast<int>(pid))) {
-        return false;
-    }
-    TOLVA_LOG(logger, 5, "Found ancestor with PID");
-    return true;
 }
 
 // Marks the element with a dark frame whose clicks come back to the overlay.
@@ -248,7 +238,7 @@ void onElementTimer(HWND window, bool visible) {
     const bool pidRead = SUCCEEDED(UiaHelper::GetControlProcessId(element.get(), &pid));
     bool sut = checker && pidRead && static_cast<DWORD>(pid) == checker->pid();
     if (checker && !sut) {
-        sut = childOfTarget(element.get(), checker->pid());
+        sut = UiaHelper::ChildProcessCounts(element.get(), static_cast<int>(checker->pid()), logger, __func__);
     }
     TOLVA_LOG(logger, 10, "sut: " << sut);
     if (!sut) {
@@ -425,7 +415,7 @@ IUIAutomationElement* UiaChecker::GetUiaElement(HWND window, int x, int y) {
     int pid = 0;
     const bool pidRead = SUCCEEDED(UiaHelper::GetControlProcessId(element, &pid));
     bool foreign = !(pidRead && static_cast<DWORD>(pid) != GetCurrentProcessId() && static_cast<DWORD>(pid) == checker->pid());
-    if (foreign && childOfTarget(element, checker->pid())) {
+    if (foreign && UiaHelper::ChildProcessCounts(element, static_cast<int>(checker->pid()), logger, __func__)) {
         foreign = false;
     }
     if (foreign) {

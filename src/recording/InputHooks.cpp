@@ -9,7 +9,6 @@
 
 #include "common/Logging.h"
 #include "common/Owners.h"
-#include "common/Preferences.h"
 #include "dispatch/UiaEventQueue.h"
 #include "element/UiaControl.h"
 #include "events/EventFilter.h"
@@ -127,13 +126,7 @@ bool belongsTo(IUIAutomationElement* element, std::int32_t pid) {
     if (!foreign) {
         return true;
     }
-    const bool useAncestor = UiaAutoEventHandler::recording &&
-                             Preferences::getInstance().getFlag(PREF_REC_ELEMENT_WITH_DIFFERENT_PID);
-    if (useAncestor && UiaHelper::HasAncestorWithPid(element, pid)) {
-        TOLVA_LOG(logger, 5, "Found ancestor with PID");
-        return true;
-    }
-    return false;
+    return UiaAutoEventHandler::recording && UiaHelper::ChildProcessCounts(element, pid, logger, __func__);
 }
 
 // The character of the key with the modifiers as the hook has followed them.

@@ -180,6 +180,15 @@ bool HasAncestorWithPid(IUIAutomationElement* element, int pid) {
     }
 }
 
+bool ChildProcessCounts(IUIAutomationElement* element, int pid, tolva::Logger& logger, const char* caller) {
+    if (!Preferences::getInstance().getFlag(tolva::PREF_REC_ELEMENT_WITH_DIFFERENT_PID) ||
+        !HasAncestorWithPid(element, pid)) {
+        return false;
+    }
+    TOLVA_LOG_AS(logger, 5, caller, "Found ancestor with PID");
+    return true;
+}
+
 IUIAutomationElement* GetElementFromPoint(POINT point) {
     const tolva::AutomationRef automation = tolva::automation();
     if (!automation) {

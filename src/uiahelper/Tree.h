@@ -2,6 +2,7 @@
 // windows.
 #pragma once
 
+#include "common/Logging.h"
 #include "uiahelper/Common.h"
 
 #include <string>
@@ -39,6 +40,11 @@ ElementList GetChildren(IUIAutomationElement* element);
 // True if an ancestor (not the element itself) has the process id; false
 // for a null element.
 bool HasAncestorWithPid(IUIAutomationElement* element, int pid);
+// Whether an element of another process counts as the target's: when
+// "deskwright.rec.element.with.different.pid" is exactly "true" and the
+// target's process stands among its ancestors (a child process's window
+// inside the target's). A find is logged at level 5 for the caller.
+bool ChildProcessCounts(IUIAutomationElement* element, int pid, tolva::Logger& logger, const char* caller);
 IUIAutomationElement* GetElementFromPoint(POINT point);
 // Elements of a type name (empty: any) whose name matches the whole regex;
 // a malformed regex finds nothing.
