@@ -5,6 +5,7 @@
 // click.
 #include "DriverTest.h"
 #include "OverlayTest.h"
+#include "Screenshot.h"
 #include "TargetProcess.h"
 
 #include <atomic>
@@ -143,6 +144,40 @@ TEST_F(CheckMode, TheOverlayRidesOverTheTargetAndMarksItsElement) {
 
     check(false);
     EXPECT_TRUE(dwtest::waitUntil([] { return !ownWindowOf(L"TolvaOverlayClass"); }, 3000));
+}
+
+// Check mode's marking beside recording's info window as a user sees them,
+// kept as a screenshot: the dark frame's edges around the element and the
+// target unchanged inside it, away from the overlay under the pointer.
+TEST_F(CheckMode, TheScreenshotShowsTheMarkingAndTheInfoWindow) {
+    ASSERT_NE(nullptr, target.makeWindow(L"TargetWindow", L"Target", {100, 100, 500, 400}));
+    restAt({700, 500}, 300);
+    native<void>("EnableRecordingMode", jboolean(JNI_TRUE), jint{0});
+    ASSERT_TRUE(dwtest::waitUntil([] { return IsWindowVisible(ownWindowOf(L"TolvaInfoClass")); }, 3000));
+    const HWND info = ownWindowOf(L"TolvaInfoClass");
+    RECT infoRect{}, area{};
+    GetWindowRect(info, &infoRect);
+    const RECT targetArea = {90, 90, 510, 410};
+    UnionRect(&area, &targetArea, &infoRect);
+    const dwtest::Screenshot before = dwtest::Screenshot::ofScreen(area);
+
+    check(true);
+    restAt(centre(BUTTON));
+    ASSERT_NE(nullptr, ownWindowOf(L"TolvaHighlighterClass")) << "no marking";
+    const dwtest::Screenshot shot = dwtest::Screenshot::composed(area, &before);
+    ASSERT_TRUE(shot.savePng(dwtest::screenshotPath(L"check-mode-marking.png")));
+    native<void>("EnableRecordingMode", jboolean(JNI_FALSE), jint{0});
+
+    // The overlay covers the element's middle, (175,150) to (225,200).
+    for (const POINT& p : {POINT{150, 160}, POINT{152, 190}, POINT{249, 160}, POINT{160, 150}, POINT{240, 199}}) {
+        EXPECT_EQ(COLORREF{0x404040}, shot.at(p.x, p.y)) << "the frame at (" << p.x << "," << p.y << ")";
+    }
+    for (const POINT& p : {POINT{153, 160}, POINT{165, 185}, POINT{246, 196}, POINT{149, 160}, POINT{260, 175}}) {
+        EXPECT_EQ(before.at(p.x, p.y), shot.at(p.x, p.y)) << "the target at (" << p.x << "," << p.y << ")";
+    }
+    POINT inInfo = {8, 8};
+    ClientToScreen(info, &inInfo);
+    EXPECT_EQ(paintedPixel(info, 8, 8), shot.at(inInfo.x, inInfo.y)) << "the info window is in the picture";
 }
 
 // A left click on a marked element asks Java for its default check, with the

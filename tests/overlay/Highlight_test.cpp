@@ -3,8 +3,11 @@
 // class, styles, region, pixels and lifetime), never through the log.
 #include "DriverTest.h"
 #include "OverlayTest.h"
+#include "Screenshot.h"
 
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -90,6 +93,45 @@ TEST_F(Highlight, FramesTheControlForItsDuration) {
     const auto lived = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     EXPECT_GE(lived.count(), 380) << "ended before its time";
     EXPECT_FALSE(IsWindow(frame));
+}
+
+// The frame as a user sees it, kept as a screenshot: three pixels of the
+// frame's colour on each edge, and the target unchanged inside and outside.
+TEST_F(Highlight, TheScreenshotShowsTheFrameAroundTheControl) {
+    const RECT area = {120, 170, 340, 290};
+    const dwtest::Screenshot before = dwtest::Screenshot::ofScreen(area);
+    mark(*button, 5000);
+    ASSERT_NE(nullptr, only());
+    pumpFor(100);
+    const dwtest::Screenshot shot = dwtest::Screenshot::composed(area, &before);
+    const std::wstring path = dwtest::screenshotPath(L"highlight-frame.png");
+    ASSERT_TRUE(shot.savePng(path));
+
+    struct Point {
+        int x, y;
+        const char* where;
+    };
+    for (const Point& p : {Point{150, 220, "left edge"}, Point{152, 220, "left edge, inner column"},
+                           Point{249, 220, "right edge"}, Point{200, 200, "top edge"}, Point{200, 239, "bottom edge"},
+                           Point{150, 200, "top left corner"}, Point{249, 239, "bottom right corner"}}) {
+        EXPECT_EQ(DEFAULT_FRAME, shot.at(p.x, p.y)) << p.where << " (" << p.x << "," << p.y << ")";
+    }
+    for (const Point& p : {Point{153, 220, "inside, by the left edge"}, Point{200, 220, "the middle"},
+                           Point{246, 236, "inside, by the bottom right"}, Point{149, 220, "outside, left"},
+                           Point{250, 220, "outside, right"}, Point{200, 241, "outside, below"}}) {
+        EXPECT_EQ(before.at(p.x, p.y), shot.at(p.x, p.y)) << p.where << " (" << p.x << "," << p.y << ")";
+    }
+
+    // The file is a PNG of the area's size.
+    FILE* file = _wfopen(path.c_str(), L"rb");
+    ASSERT_NE(nullptr, file);
+    unsigned char head[24] = {};
+    const size_t got = fread(head, 1, sizeof(head), file);
+    fclose(file);
+    ASSERT_EQ(sizeof(head), got);
+    EXPECT_EQ(0, memcmp(head, "\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16));
+    EXPECT_EQ(220, (head[16] << 24) | (head[17] << 16) | (head[18] << 8) | head[19]);
+    EXPECT_EQ(120, (head[20] << 24) | (head[21] << 16) | (head[22] << 8) | head[23]);
 }
 
 // A control of six pixels or less across has no inside: the frame is solid.

@@ -274,6 +274,7 @@ void registerClass(const std::wstring& name) {
     windowClass.lpfnWndProc = TargetProc;
     windowClass.hInstance = GetModuleHandleW(nullptr);
     windowClass.hCursor = LoadCursorW(nullptr, IDC_ARROW);
+    windowClass.hbrBackground = reinterpret_cast<HBRUSH>(COLOR_WINDOW + 1);
     windowClass.lpszClassName = name.c_str();
     RegisterClassW(&windowClass);
 }
@@ -311,6 +312,7 @@ int wmain(int argc, wchar_t** argv) {
     WNDCLASSW windowClass = {};
     windowClass.lpfnWndProc = TargetProc;
     windowClass.hInstance = GetModuleHandleW(nullptr);
+    windowClass.hbrBackground = reinterpret_cast<HBRUSH>(COLOR_WINDOW + 1);
     windowClass.lpszClassName = L"DeskwrightTarget";
     RegisterClassW(&windowClass);
 
