@@ -308,7 +308,14 @@ LRESULT CALLBACK ProcessOverlay::CoverWndProc(HWND window, UINT message, WPARAM 
     if (message == COVER_DONE_MESSAGE) {
         paintCover(window, false);
         hide(window);
-        ShowElementInfo(reinterpret_cast<IUIAutomationElement*>(wParam));
+        // Without an element the preparation never ran (the dispatch
+        // thread ended first): the element counts as new next time.
+        if (const auto element = reinterpret_cast<IUIAutomationElement*>(wParam)) {
+            ShowElementInfo(element);
+        } else {
+            SetInfoText(INFO_READY_TEXT);
+            lastElement.reset();
+        }
         preparing = false;
         // Whatever lies under the pointer now is looked at at once.
         SetTimer(window, COVER_ELEMENT_TIMER_ID, 0, nullptr);

@@ -144,7 +144,14 @@ std::int32_t PrepareRecordingStart::operator()() {
 PrepareRecordingEnd::PrepareRecordingEnd(HWND window, IUIAutomationElement* element)
     : window_(window), element_(ComPtr<IUIAutomationElement>::attach(element)) {}
 
+PrepareRecordingEnd::~PrepareRecordingEnd() {
+    if (!ran_) {
+        PostMessageW(window_, COVER_DONE_MESSAGE, 0, 0);
+    }
+}
+
 std::int32_t PrepareRecordingEnd::operator()() {
+    ran_ = true;
     // The cover's thread uses the element while it handles the message; a
     // thread that doesn't answer within the time may still use it later, so
     // its reference is then left to it rather than given up under it.

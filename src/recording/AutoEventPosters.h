@@ -75,14 +75,18 @@ private:
 
 // Tells the overlay's cover window that Java is done (message WM_USER + 1 with
 // the element), then gives up the element. Takes over the caller's reference.
+// Dropped unrun, when the queue ends first, it still tells the cover, without
+// an element, so that the cover isn't left waiting.
 class PrepareRecordingEnd : public Runnable {
 public:
     PrepareRecordingEnd(HWND window, IUIAutomationElement* element);
+    ~PrepareRecordingEnd() override;
     std::int32_t operator()() override;
 
 private:
     HWND window_;
     ComPtr<IUIAutomationElement> element_;
+    bool ran_ = false;
 };
 
 // The message PrepareRecordingEnd sends to the cover window; wParam is the element.

@@ -202,4 +202,40 @@ TEST_F(Overlay, ADetachWhileJavaPreparesLeavesNoCover) {
     EXPECT_FALSE(IsWindowVisible(cover)) << "nothing to prepare without a dispatch thread";
 }
 
+// A detach that comes while the dispatch thread is busy, before the cover
+// asks for a preparation: the queue ends before it reaches the preparation,
+// which Java never sees. The cover is still freed: it goes, the info window
+// is ready again, and after a new attach the element is prepared.
+TEST_F(Overlay, APreparationTheEndedQueueNeverRanFreesTheCover) {
+    std::atomic<bool> holdFilter{false}, inFilter{false};
+    host->onCall(dwtest::DRIVER_CLASS, "filterEvent", dwtest::FILTER_SIGNATURE,
+                 [&](JNIEnv*, jobject, const std::vector<jnihost::Value>&) {
+                     inFilter = true;
+                     while (holdFilter) Sleep(5);
+                     return jnihost::Value::of(jboolean{JNI_TRUE});
+                 });
+    record(true);
+    SetCursorPos(300, 300);
+    pumpFor(300);
+    holdFilter = true;
+    native<void>("TriggerThread");
+    ASSERT_TRUE(dwtest::waitUntil([&] { return inFilter.load(); }, 3000));
+    native<void>("DetachClient");  // queued behind Java's filterEvent
+    attached = false;
+    SetCursorPos(170, 145);
+    const HWND cover = ownWindowOf(L"TolvaCoverClass");
+    ASSERT_TRUE(dwtest::waitUntil([&] { return IsWindowVisible(cover); }, 3000)) << "no preparation asked for";
+    holdFilter = false;
+    ASSERT_TRUE(dwtest::waitForDispatchThreadsToEnd(5000));
+    EXPECT_TRUE(prepared.empty()) << "the ended queue ran the preparation";
+    EXPECT_TRUE(dwtest::waitUntil([&] { return !IsWindowVisible(cover); }, 2000)) << "the cover stayed";
+    EXPECT_EQ(L"Move the mouse over an element in your application.", infoText());
+
+    ASSERT_NE(0, attach(dwtest::ownPidArgs(), 1000));
+    SetCursorPos(300, 300);
+    pumpFor(300);
+    SetCursorPos(170, 145);
+    EXPECT_TRUE(dwtest::waitUntil([&] { return prepared.size() == 1; }, 3000)) << "the cover was left busy";
+}
+
 }  // namespace
