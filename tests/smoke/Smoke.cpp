@@ -8,6 +8,7 @@
 #include "Deskwright.h"
 #include "FakeUia.h"
 #include "JniHost.h"
+#include "Screenshot.h"
 #include "TargetProcess.h"
 
 #include <objbase.h>
@@ -221,6 +222,28 @@ private:
 
 }  // namespace
 
+// Java points out the button: a frame around it for three seconds, kept as a
+// screenshot beside this program for the user to look at.
+void showHighlight(dwtest::Deskwright& dll, JNIEnv* env, jobject self, jlong handle, HWND button) {
+    RECT bounds{};
+    GetWindowRect(button, &bounds);
+    const RECT area = {bounds.left - 40, bounds.top - 30, bounds.right + 40, bounds.bottom + 30};
+    const dwtest::Screenshot before = dwtest::Screenshot::ofScreen(area);
+    dll.call<void>("Highlight", env, self, handle, jint{3000}, jint{-1});
+    Sleep(300);
+    const dwtest::Screenshot shot = dwtest::Screenshot::composed(area, &before);
+    wchar_t exe[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, exe, MAX_PATH);
+    std::wstring path = exe;
+    path = path.substr(0, path.find_last_of(L"\\/") + 1) + L"highlight.png";
+    const bool saved = shot.savePng(path);
+    const int middle = (bounds.top + bounds.bottom) / 2;
+    const bool framed = shot.at(bounds.left, middle) == 0x8080CC && shot.at(bounds.right - 1, middle) == 0x8080CC &&
+                        shot.at(bounds.left + 3, middle) == before.at(bounds.left + 3, middle);
+    step(saved && framed, "Highlight framed the button for 3 s; screenshot " + narrow(path));
+    dll.call<void>("Highlight", env, self, handle, jint{0}, jint{-1});
+}
+
 int main() {
     std::printf("deskwright smoke session (%d-bit)\n", static_cast<int>(sizeof(void*) * 8));
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
@@ -400,6 +423,8 @@ int main() {
                            jint{1});
             Sleep(500);
             step(host.calls("filterEvent").empty(), "listeners off: the next click reported nothing");
+
+            showHighlight(dll, env, self, children[0], remoteButton);
         }
         dll.call<void>("DetachClient", env, self);
         for (int waited = 0; waited < 5000 && platform.outstandingReferences() != 0; waited += 20) Sleep(20);
