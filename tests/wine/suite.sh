@@ -8,23 +8,38 @@
 #   suite.sh cleanup BITS        stop Wine and the display
 set -u
 cmd=$1 bits=$2; shift 2
-# Several suites may run at once (each in its own /tmp): DESKWRIGHT_DISPLAY
-# gives each its own display number.
-display=${DESKWRIGHT_DISPLAY:-$(( bits == 32 ? 32 : 64 ))}
-export DISPLAY=:$display
+# Several suites may run at once, each in its own /tmp but all in one network
+# namespace, where an X server also listens on an abstract socket that every
+# client tries first: a second server with the same number would lose its
+# clients to the first. So the display server takes the first number that is
+# free everywhere, unless DESKWRIGHT_DISPLAY names one.
 export WINEPREFIX=/tmp/deskwright-wine-$bits
 export WINEDEBUG=${WINEDEBUG:--all}
 export WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe="
 state=/tmp/deskwright-suite-$bits
+[ -s "$state/display" ] && export DISPLAY=:$(cat "$state/display")
 
 case "$cmd" in
 setup)
   mkdir -p "$state"
   if [ -f "$state/xvfb.pid" ] && kill -0 "$(cat "$state/xvfb.pid")" 2>/dev/null; then :; else
-    rm -f "/tmp/.X$display-lock"
-    Xvfb ":$display" -screen 0 1280x1024x24 -nolisten tcp >"$state/xvfb.log" 2>&1 &
+    rm -f "$state/display"
+    if [ -n "${DESKWRIGHT_DISPLAY:-}" ]; then
+      rm -f "/tmp/.X$DESKWRIGHT_DISPLAY-lock"
+      echo "$DESKWRIGHT_DISPLAY" >"$state/display"
+      Xvfb ":$DESKWRIGHT_DISPLAY" -screen 0 1280x1024x24 -nolisten tcp >"$state/xvfb.log" 2>&1 &
+    else
+      exec {chosen}>"$state/display"
+      Xvfb -displayfd "$chosen" -screen 0 1280x1024x24 -nolisten tcp >"$state/xvfb.log" 2>&1 &
+      exec {chosen}>&-
+    fi
     echo $! >"$state/xvfb.pid"
-    for _ in $(seq 50); do [ -e "/tmp/.X11-unix/X$display" ] && break; sleep 0.1; done
+    for _ in $(seq 100); do
+      [ -s "$state/display" ] && [ -e "/tmp/.X11-unix/X$(cat "$state/display")" ] && break
+      sleep 0.1
+    done
+    [ -s "$state/display" ] || { echo "no display server"; cat "$state/xvfb.log"; exit 1; }
+    export DISPLAY=:$(cat "$state/display")
   fi
   rm -rf "$WINEPREFIX"
   wineboot -i >"$state/wineboot.log" 2>&1 || { cat "$state/wineboot.log"; exit 1; }
