@@ -1,6 +1,9 @@
 #include "tolvacore/ipc/ShmQueue.h"
 
+#include <windows.h>
+
 #include <cstring>
+#include <iterator>
 #include <iomanip>
 #include <sstream>
 
@@ -31,14 +34,40 @@ bool narrowName(const std::wstring& wide, std::string& narrow) {
 
 }  // namespace
 
-ShmQueue::ShmQueue(unsigned size) : size_(size), outgoing_(size), incoming_(size) {}
+ShmQueue::ShmQueue(unsigned size) : size_(size) {}
+
+ShmQueue::ThreadState& ShmQueue::mine() {
+    const unsigned long thread = GetCurrentThreadId();
+    std::lock_guard<std::mutex> hold(lock_);
+    auto found = threads_.find(thread);
+    if (found == threads_.end()) {
+        if (threads_.size() >= 32) {
+            forgetEndedThreads();
+        }
+        found = threads_.emplace(thread, std::make_unique<ThreadState>(size_)).first;
+    }
+    return *found->second;
+}
+
+void ShmQueue::forgetEndedThreads() {
+    for (auto at = threads_.begin(); at != threads_.end();) {
+        HANDLE thread = OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, at->first);
+        DWORD code = 0;
+        const bool running = thread && GetExitCodeThread(thread, &code) && code == STILL_ACTIVE;
+        if (thread) {
+            CloseHandle(thread);
+        }
+        at = running ? std::next(at) : threads_.erase(at);
+    }
+}
 
 void ShmQueue::registerMessageHandler(const char* name, ShmMessageHandler* handler) {
+    std::lock_guard<std::mutex> hold(lock_);
     handlers_[name ? name : ""] = handler;
 }
 
 ShmQueue& ShmQueue::setupCall() {
-    outgoing_.begin(ShmMessageKind::Call);
+    outgoing().begin(ShmMessageKind::Call);
     return *this;
 }
 
@@ -48,7 +77,7 @@ ShmQueue& ShmQueue::setupCall(void* target) {
 }
 
 ShmQueue& ShmQueue::setupReturn() {
-    outgoing_.begin(ShmMessageKind::Return);
+    outgoing().begin(ShmMessageKind::Return);
     return *this;
 }
 
@@ -58,7 +87,7 @@ void ShmQueue::returnInt(int value) {
 }
 
 ShmQueue& ShmQueue::setupMessage(const char* name) {
-    outgoing_.begin(ShmMessageKind::Message);
+    outgoing().begin(ShmMessageKind::Message);
     std::wstring wide;
     for (const char* at = name ? name : ""; *at; ++at) {
         wide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(*at)));
@@ -67,11 +96,11 @@ ShmQueue& ShmQueue::setupMessage(const char* name) {
 }
 
 void ShmQueue::push(int value) {
-    outgoing_.put(ShmValueType::Raw, static_cast<std::uint32_t>(value), 4);
+    outgoing().put(ShmValueType::Raw, static_cast<std::uint32_t>(value), 4);
 }
 
 void ShmQueue::pop(int& value) {
-    value = static_cast<int>(static_cast<std::uint32_t>(incoming_.get(ShmValueType::Raw, 4)));
+    value = static_cast<int>(static_cast<std::uint32_t>(incoming().get(ShmValueType::Raw, 4)));
 }
 
 void ShmQueue::validateType(int value, unsigned expected) {
@@ -82,65 +111,66 @@ void ShmQueue::validateType(int value, unsigned expected) {
 }
 
 ShmQueue& ShmQueue::operator<<(int value) {
-    outgoing_.put(ShmValueType::Int, static_cast<std::uint32_t>(value), 4);
+    outgoing().put(ShmValueType::Int, static_cast<std::uint32_t>(value), 4);
     return *this;
 }
 
 ShmQueue& ShmQueue::operator<<(unsigned value) {
-    outgoing_.put(ShmValueType::Unsigned, value, 4);
+    outgoing().put(ShmValueType::Unsigned, value, 4);
     return *this;
 }
 
 ShmQueue& ShmQueue::operator<<(std::int64_t value) {
-    outgoing_.put(ShmValueType::Int64, static_cast<std::uint64_t>(value), 8);
+    outgoing().put(ShmValueType::Int64, static_cast<std::uint64_t>(value), 8);
     return *this;
 }
 
 ShmQueue& ShmQueue::operator<<(bool value) {
-    outgoing_.put(ShmValueType::Bool, value ? 1 : 0, 1);
+    outgoing().put(ShmValueType::Bool, value ? 1 : 0, 1);
     return *this;
 }
 
 ShmQueue& ShmQueue::operator<<(void* object) {
-    outgoing_.put(ShmValueType::Pointer, reinterpret_cast<std::uintptr_t>(object), 8);
+    outgoing().put(ShmValueType::Pointer, reinterpret_cast<std::uintptr_t>(object), 8);
     return *this;
 }
 
 ShmQueue& ShmQueue::operator<<(ShmCallable* callable) {
     *this << static_cast<void*>(callable);
     if (callable) {
+        std::lock_guard<std::mutex> hold(lock_);
         callables_[reinterpret_cast<std::uintptr_t>(static_cast<void*>(callable))] = callable;
     }
     return *this;
 }
 
 ShmQueue& ShmQueue::operator<<(const wchar_t* text) {
-    outgoing_.putString(text ? text : L"", text ? std::wcslen(text) : 0);
+    outgoing().putString(text ? text : L"", text ? std::wcslen(text) : 0);
     return *this;
 }
 
 ShmQueue& ShmQueue::operator<<(const std::wstring& text) {
-    outgoing_.putString(text.data(), text.size());
+    outgoing().putString(text.data(), text.size());
     return *this;
 }
 
 ShmQueue& ShmQueue::operator>>(int& value) {
-    value = static_cast<int>(static_cast<std::uint32_t>(incoming_.get(ShmValueType::Int, 4)));
+    value = static_cast<int>(static_cast<std::uint32_t>(incoming().get(ShmValueType::Int, 4)));
     return *this;
 }
 
 ShmQueue& ShmQueue::operator>>(unsigned& value) {
-    value = static_cast<unsigned>(incoming_.get(ShmValueType::Unsigned, 4));
+    value = static_cast<unsigned>(incoming().get(ShmValueType::Unsigned, 4));
     return *this;
 }
 
 ShmQueue& ShmQueue::operator>>(std::int64_t& value) {
-    value = static_cast<std::int64_t>(incoming_.get(ShmValueType::Int64, 8));
+    value = static_cast<std::int64_t>(incoming().get(ShmValueType::Int64, 8));
     return *this;
 }
 
 ShmQueue& ShmQueue::operator>>(bool& value) {
-    const std::uint64_t raw = incoming_.get(ShmValueType::Bool, 1);
+    const std::uint64_t raw = incoming().get(ShmValueType::Bool, 1);
     if (raw > 1) {
         throw ShmException("Bool of value " + std::to_string(raw));
     }
@@ -149,7 +179,7 @@ ShmQueue& ShmQueue::operator>>(bool& value) {
 }
 
 ShmQueue& ShmQueue::operator>>(void*& object) {
-    const std::uint64_t raw = incoming_.get(ShmValueType::Pointer, 8);
+    const std::uint64_t raw = incoming().get(ShmValueType::Pointer, 8);
     if (static_cast<std::uint64_t>(static_cast<std::uintptr_t>(raw)) != raw) {
         throw ShmException("Pointer " + hex(raw) + " is no address of this process");
     }
@@ -158,40 +188,52 @@ ShmQueue& ShmQueue::operator>>(void*& object) {
 }
 
 ShmQueue& ShmQueue::operator>>(std::wstring& text) {
-    text = incoming_.getString();
+    text = incoming().getString();
     return *this;
 }
 
 std::vector<std::uint8_t> ShmQueue::takeOutgoing() {
-    if (outgoing_.bytes().empty()) {
+    if (outgoing().bytes().empty()) {
         throw ShmException("No message set up");
     }
-    return outgoing_.take();
+    return outgoing().take();
 }
 
 void ShmQueue::receive(std::vector<std::uint8_t> bytes) {
-    incoming_.assign(std::move(bytes));
+    incoming().assign(std::move(bytes));
 }
 
-ShmMessageKind ShmQueue::dispatchReceived() {
-    const ShmMessageKind kind = incoming_.kind();
+ShmMessageKind ShmQueue::dispatchReceived(ShmCallable* fallback) {
+    const ShmMessageKind kind = incoming().kind();
     if (kind == ShmMessageKind::Call) {
         void* target = nullptr;
         *this >> target;
-        auto callable = callables_.find(reinterpret_cast<std::uintptr_t>(target));
-        if (callable == callables_.end()) {
+        ShmCallable* callable = fallback;
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            auto found = callables_.find(reinterpret_cast<std::uintptr_t>(target));
+            if (found != callables_.end()) {
+                callable = found->second;
+            }
+        }
+        if (!callable) {
             throw ShmException("Call on an unknown object " + hex(reinterpret_cast<std::uintptr_t>(target)));
         }
-        callable->second->call(*this);
+        callable->call(*this);
     } else if (kind == ShmMessageKind::Message) {
         std::wstring wide;
         *this >> wide;
         std::string name;
-        auto handler = narrowName(wide, name) ? handlers_.find(name) : handlers_.end();
-        if (handler == handlers_.end() || !handler->second) {
+        ShmMessageHandler* handler = nullptr;
+        if (narrowName(wide, name)) {
+            std::lock_guard<std::mutex> hold(lock_);
+            auto found = handlers_.find(name);
+            handler = found == handlers_.end() ? nullptr : found->second;
+        }
+        if (!handler) {
             throw ShmException("No handler for the message \"" + name + "\"");
         }
-        handler->second->handleMessage(*this);
+        handler->handleMessage(*this);
     }
     return kind;
 }

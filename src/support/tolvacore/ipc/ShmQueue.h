@@ -6,8 +6,9 @@
 // received message. A transport adds how bytes travel: send, sendReturn,
 // readAndDispatch and terminate, and may widen the others.
 //
-// A queue is not safe for use from several threads at once unless its
-// transport says so.
+// Each thread writes and reads its own messages: a thread's call, the answer
+// it waits for and the values it reads from that answer are its own, so
+// several threads may use one queue at once as far as the transport allows.
 #pragma once
 
 #include "tolvacore/ipc/ShmException.h"
@@ -15,6 +16,8 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -47,6 +50,14 @@ public:
 
 class ShmQueue {
 public:
+    // A queue in shared memory that the other side attaches to by the id;
+    // size is the largest message in bytes. Throws ShmException when a queue
+    // of the id exists already or the system refuses.
+    static std::shared_ptr<ShmQueue> createQueue(unsigned size, int id);
+    // The other side of a queue made by createQueue. Throws ShmException when
+    // there is no such queue or it isn't one.
+    static std::shared_ptr<ShmQueue> attachQueue(int id);
+
     // size: the largest message, in bytes, that the queue carries.
     explicit ShmQueue(unsigned size);
     virtual ~ShmQueue() = default;
@@ -58,9 +69,11 @@ public:
     // Messages of that name go to the handler, which must outlive the queue's use.
     void registerMessageHandler(const char* name, ShmMessageHandler* handler);
 
-    // Waits for what is due on this queue and dispatches it (dispatchReceived).
-    // Throws ShmTerminatedException once the queue is terminated, ShmException
-    // on any other failure.
+    // Waits for what is due on this queue and dispatches it (dispatchReceived);
+    // callback, when given, serves calls on objects that weren't handed out.
+    // A timeout above 0 bounds the wait in milliseconds, with 0 as result when
+    // it passed. Throws ShmTerminatedException once the queue is terminated,
+    // ShmException on any other failure.
     virtual short readAndDispatch(ShmCallable* callback, int timeout) = 0;
     // A call whose target is the first value streamed.
     virtual ShmQueue& setupCall();
@@ -101,6 +114,23 @@ public:
     ShmQueue& operator>>(std::wstring& text);
 
 protected:
+    // What a thread has of the queue: the message it writes, the one it reads,
+    // and for a transport that pairs calls with answers, the call it waits for
+    // and the calls it serves (innermost last).
+    struct ThreadState {
+        explicit ThreadState(unsigned size) : outgoing(size), incoming(size) {}
+        ShmMessage outgoing;
+        ShmMessage incoming;
+        std::uint32_t awaited = 0;
+        struct Served {
+            std::uint32_t id;
+            bool answered;
+        };
+        std::vector<Served> serving;
+    };
+    // The calling thread's state, made at its first use.
+    ThreadState& mine();
+
     // The message set up and written so far, for the transport to send;
     // throws ShmException when none is set up (or the last write dropped it).
     std::vector<std::uint8_t> takeOutgoing();
@@ -109,13 +139,19 @@ protected:
     void receive(std::vector<std::uint8_t> bytes);
     // Routes the received message: a call to the callable it names, a
     // message to the handler of its name; an answer stays for the waiter to
-    // read. Throws ShmException for an unknown target or name.
-    ShmMessageKind dispatchReceived();
+    // read. A call on an object not handed out goes to fallback when given.
+    // Throws ShmException for an unknown target or name.
+    ShmMessageKind dispatchReceived(ShmCallable* fallback = nullptr);
 
 private:
+    ShmMessage& outgoing() { return mine().outgoing; }
+    ShmMessage& incoming() { return mine().incoming; }
+    // Drops the states of threads that have ended; called with lock_ held.
+    void forgetEndedThreads();
+
     unsigned size_;
-    ShmMessage outgoing_;
-    ShmMessage incoming_;
+    std::mutex lock_;  // guards the maps below
+    std::map<unsigned long, std::unique_ptr<ThreadState>> threads_;
     std::map<std::string, ShmMessageHandler*> handlers_;
     std::map<std::uint64_t, ShmCallable*> callables_;
 };
