@@ -1,16 +1,70 @@
 #include "classic/ShmComm.h"
 
 #include "common/Logging.h"
+#include "events/EventFilter.h"
+
+#include <process.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
 
 namespace tolva {
+
+using tolvacore::ipc::ShmCallable;
+using tolvacore::ipc::ShmException;
+using tolvacore::ipc::ShmQueue;
+using tolvacore::ipc::ShmTerminatedException;
 
 namespace {
 
 Logger& logger = Log::getLogger("tolva.ShmComm");
 
-void notYet(const char* operation) {
-    TOLVA_LOG(logger, 3, "Not yet implemented: " << operation);
+const unsigned THREAD_STACK_SIZE = 0x10000;
+const DWORD PREVIOUS_END_WAIT_MS = 5000;
+
+// Method numbers of the client's element objects, and of its root object.
+enum Method : int {
+    GET_NATIVE_HANDLE = 1,
+    GET_CLASS_NAME = 3,
+    GET_CLASS_NAMES = 5,
+    GET_PARENT = 7,
+    GET_CHILDREN = 9,
+    GET_BOUNDS = 11,
+    EVAL_JS = 13,
+    GET_TOPLEVELS = 1,
+};
+
+void* objectOf(Handle handle) { return reinterpret_cast<void*>(handle); }
+Handle handleOf(void* object) { return reinterpret_cast<Handle>(object); }
+
+// An answer's count, then that many values. The count isn't trusted for
+// room: a value takes at least two bytes, so no honest answer holds more
+// than the queue's size of them, and reading past the end throws.
+template <class T>
+std::vector<T> readList(ShmQueue& queue) {
+    unsigned count = 0;
+    queue >> count;
+    std::vector<T> values;
+    values.reserve(std::min<unsigned>(count, queue.getSize()));
+    for (unsigned i = 0; i < count; ++i) {
+        T value{};
+        queue >> value;
+        values.push_back(std::move(value));
+    }
+    return values;
 }
+
+template <class T, class From>
+Array<T> toArray(const std::vector<From>& values, T (*convert)(From)) {
+    Array<T> result(static_cast<std::int32_t>(values.size()));
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        result[static_cast<std::int32_t>(i)] = convert(values[i]);
+    }
+    return result;
+}
+
+std::wstring same(std::wstring text) { return text; }
 
 }  // namespace
 
@@ -19,48 +73,245 @@ ShmComm& ShmComm::getInstance() {
     return instance;
 }
 
-void ShmComm::triggerThread() { notYet("triggerThread"); }
-void ShmComm::terminate() { notYet("terminate"); }
-void ShmComm::shutdown() { notYet("shutdown"); }
-void ShmComm::detach() { notYet("detach"); }
-
-Array<Handle> ShmComm::getChildren(Handle) {
-    notYet("getChildren");
-    return Array<Handle>();
+ShmComm::~ShmComm() {
+    // At the process's end the serving thread has been cut off wherever it
+    // was, perhaps holding a queue's lock: the queues are left to the system
+    // rather than closed, and nothing waits, which the loader lock forbids.
+    new std::shared_ptr<ShmQueue>(std::move(queue_));
+    new std::shared_ptr<ShmQueue>(std::move(clientQueue_));
+    if (thread_) {
+        CloseHandle(thread_);
+    }
 }
 
-Handle ShmComm::getParent(Handle) {
-    notYet("getParent");
+bool ShmComm::setup(unsigned size, int id) {
+    shutdown();
+    if (!awaitEnd(PREVIOUS_END_WAIT_MS)) {
+        TOLVA_LOG(logger, 1, "The previous channel has not ended");
+        return false;
+    }
+    {
+        // The queue of the channel before goes first: the new one may take its id.
+        std::lock_guard<std::mutex> hold(lock_);
+        queue_.reset();
+        clientQueue_.reset();
+        async_ = nullptr;
+        client_ = nullptr;
+    }
+    std::shared_ptr<ShmQueue> queue;
+    try {
+        queue = ShmQueue::createQueue(size, id);
+    } catch (const ShmException& e) {
+        TOLVA_LOG(logger, 1, e.getMessage());
+        return false;
+    }
+    std::lock_guard<std::mutex> hold(lock_);
+    queue_ = queue;
+    clientQueue_.reset();
+    client_ = nullptr;
+    async_ = nullptr;
+    if (thread_) {
+        CloseHandle(thread_);
+    }
+    thread_ = reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, THREAD_STACK_SIZE, &ShmComm::shmThreadProc, this, 0, nullptr));
+    if (!thread_) {
+        TOLVA_LOG(logger, 1, "The channel's thread could not be started");
+        queue_.reset();
+        return false;
+    }
+    return true;
+}
+
+void ShmComm::shutdown() {
+    std::shared_ptr<ShmQueue> queue = ownQueue();
+    if (queue) {
+        queue->terminate();
+    }
+}
+
+bool ShmComm::awaitEnd(DWORD timeoutMs) {
+    HANDLE thread = nullptr;
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        if (!thread_ || !DuplicateHandle(GetCurrentProcess(), thread_, GetCurrentProcess(), &thread, SYNCHRONIZE,
+                                         FALSE, 0)) {
+            return true;
+        }
+    }
+    const bool ended = WaitForSingleObject(thread, timeoutMs) == WAIT_OBJECT_0;
+    CloseHandle(thread);
+    return ended;
+}
+
+std::shared_ptr<ShmQueue> ShmComm::ownQueue() {
+    std::lock_guard<std::mutex> hold(lock_);
+    return queue_;
+}
+
+unsigned __stdcall ShmComm::shmThreadProc(void* param) {
+    auto* comm = static_cast<ShmComm*>(param);
+    tolva_logSetThreadName("dispatch");
+    TOLVA_LOG(logger, 5, "start");
+    const std::shared_ptr<ShmQueue> queue = comm->ownQueue();
+    if (queue) {
+        queue->registerMessageHandler("ClientMessage", comm);
+        EventFilter::getInstance().attachThread();
+        comm->serve(queue);
+        comm->async_ = nullptr;
+        EventFilter::getInstance().detachThread();
+    }
+    TOLVA_LOG(logger, 5, "done");
     return 0;
 }
 
-Handle ShmComm::getNativeHandle(Handle) {
-    notYet("getNativeHandle");
-    return 0;
+void ShmComm::serve(const std::shared_ptr<ShmQueue>& queue) {
+    try {
+        for (;;) {
+            queue->readAndDispatch(nullptr, 0);
+        }
+    } catch (const ShmTerminatedException&) {
+        TOLVA_LOG(logger, 9, "terminated");
+    } catch (const ShmException& e) {
+        std::fputs((e.getMessage() + "\n").c_str(), stdout);
+        std::fflush(stdout);
+        TOLVA_LOG(logger, 1, e.getMessage());
+    }
 }
 
-std::wstring ShmComm::getClassName(Handle) {
-    notYet("getClassName");
-    return std::wstring();
+void ShmComm::handleMessage(ShmQueue& queue) {
+    std::wstring message;
+    queue >> message;
+    TOLVA_LOG(logger, 7, "msg: " << message);
+    if (message == L"connected") {
+        int shmid = 0;
+        void* async = nullptr;
+        void* client = nullptr;
+        queue >> shmid >> async >> client;
+        async_ = async;
+        client_ = client;
+        TOLVA_LOG(logger, 9, "shmid: " << shmid << ", async: " << async << ", client: " << client);
+        EventFilter::getInstance().onConnect();
+        queue.setupReturn() << static_cast<ShmCallable*>(&EventFilter::getInstance());
+        queue.sendReturn();
+        std::shared_ptr<ShmQueue> clientQueue;
+        try {
+            clientQueue = ShmQueue::attachQueue(shmid);
+        } catch (const ShmException& e) {
+            TOLVA_LOG(logger, 1, e.getMessage());
+        }
+        std::lock_guard<std::mutex> hold(lock_);
+        clientQueue_ = clientQueue;
+    } else {
+        queue.returnInt(0);
+    }
+    TOLVA_LOG(logger, 9, "end");
 }
 
-Array<std::wstring> ShmComm::getClassNames(Handle) {
-    notYet("getClassNames");
-    return Array<std::wstring>();
+bool ShmComm::call(const char* what, void* object, int method, const std::function<void(ShmQueue&)>& arguments,
+                   const std::function<void(ShmQueue&)>& reader) {
+    const std::shared_ptr<ShmQueue> queue = ownQueue();
+    if (!queue) {
+        TOLVA_LOG(logger, 3, what << ": no channel");
+        return false;
+    }
+    try {
+        queue->setupCall() << object << method;
+        if (arguments) {
+            arguments(*queue);
+        }
+        queue->send();
+        queue->readAndDispatch(nullptr, 0);
+        reader(*queue);
+        return true;
+    } catch (const ShmException& e) {
+        TOLVA_LOG(logger, 1, what << ": " << e.getMessage());
+        return false;
+    }
 }
 
-void ShmComm::getBounds(Handle, int[4]) {
-    notYet("getBounds");
+void ShmComm::request(const char* name) {
+    TOLVA_LOG(logger, 7, "");
+    void* const async = async_.load();
+    TOLVA_LOG(logger, 9, "async: " << async);
+    std::shared_ptr<ShmQueue> clientQueue;
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        clientQueue = clientQueue_;
+    }
+    if (!clientQueue) {
+        TOLVA_LOG(logger, 3, name << ": the client has no request queue");
+        return;
+    }
+    try {
+        clientQueue->setupCall(async) << std::wstring(name, name + std::char_traits<char>::length(name));
+        clientQueue->send();
+        clientQueue->readAndDispatch(nullptr, 0);
+    } catch (const ShmException& e) {
+        TOLVA_LOG(logger, 1, name << ": " << e.getMessage());
+    }
 }
 
-std::wstring ShmComm::evalJS(Handle, const std::wstring&) {
-    notYet("evalJS");
-    return std::wstring();
+void ShmComm::triggerThread() { request("triggerThread"); }
+void ShmComm::detaching() { request("detaching"); }
+void ShmComm::terminate() { request("terminate"); }
+
+Handle ShmComm::getNativeHandle(Handle element) {
+    std::int64_t native = 0;
+    call("getNativeHandle", objectOf(element), GET_NATIVE_HANDLE, nullptr, [&](ShmQueue& q) { q >> native; });
+    return static_cast<Handle>(native);
+}
+
+std::wstring ShmComm::getClassName(Handle element) {
+    std::wstring name;
+    if (!call("getClassName", objectOf(element), GET_CLASS_NAME, nullptr, [&](ShmQueue& q) { q >> name; })) {
+        name.clear();
+    }
+    return name;
+}
+
+Array<std::wstring> ShmComm::getClassNames(Handle element) {
+    std::vector<std::wstring> names;
+    call("getClassNames", objectOf(element), GET_CLASS_NAMES, nullptr,
+         [&](ShmQueue& q) { names = readList<std::wstring>(q); });
+    return toArray<std::wstring, std::wstring>(names, &same);
+}
+
+Handle ShmComm::getParent(Handle element) {
+    void* parent = nullptr;
+    if (!call("getParent", objectOf(element), GET_PARENT, nullptr, [&](ShmQueue& q) { q >> parent; })) {
+        parent = nullptr;
+    }
+    return handleOf(parent);
+}
+
+Array<Handle> ShmComm::getChildren(Handle element) {
+    std::vector<void*> children;
+    call("getChildren", objectOf(element), GET_CHILDREN, nullptr,
+         [&](ShmQueue& q) { children = readList<void*>(q); });
+    return toArray<Handle, void*>(children, &handleOf);
+}
+
+void ShmComm::getBounds(Handle element, int bounds[4]) {
+    std::vector<int> values;
+    call("getBounds", objectOf(element), GET_BOUNDS, nullptr, [&](ShmQueue& q) { values = readList<int>(q); });
+    std::copy_n(values.begin(), std::min<std::size_t>(values.size(), 4), bounds);
+}
+
+std::wstring ShmComm::evalJS(Handle element, const std::wstring& script) {
+    std::wstring answer;
+    if (!call("evalJS", objectOf(element), EVAL_JS, [&](ShmQueue& q) { q << script; },
+              [&](ShmQueue& q) { q >> answer; })) {
+        answer.clear();
+    }
+    return answer;
 }
 
 Array<Handle> ShmComm::getToplevels() {
-    notYet("getToplevels");
-    return Array<Handle>();
+    TOLVA_LOG(logger, 7, "");
+    std::vector<void*> tops;
+    call("getToplevels", client_.load(), GET_TOPLEVELS, nullptr, [&](ShmQueue& q) { tops = readList<void*>(q); });
+    return toArray<Handle, void*>(tops, &handleOf);
 }
 
 }  // namespace tolva

@@ -1,7 +1,6 @@
 #include "engine/ProcessManager.h"
 
 #include "common/Logging.h"
-#include "classic/ClassicClient.h"
 #include "classic/ShmComm.h"
 #include "engine/Uia.h"
 #include "uiahelper/Regex.h"
@@ -117,6 +116,10 @@ bool ProcessManager::createShutdownThread(int pid) {
         TOLVA_LOG(logger, 1, "Error: " << GetLastError());
         return false;
     }
+    return startWatch(pid, std::move(process));
+}
+
+bool ProcessManager::startWatch(int pid, UniqueHandle process) {
     pid_ = pid;
     const std::shared_ptr<Watch> watch(new Watch{
         this, std::move(process), UniqueHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr)), pid});
@@ -185,8 +188,8 @@ void ProcessManager::detachProcess() {
     }
     if (automationBackEnd_) {
         Uia::getInstance().detach();
-    } else {
-        ShmComm::getInstance().detach();
+    } else if (!detachClassicLocked()) {
+        return;
     }
     endWatchLocked();
     attached_ = false;
@@ -194,19 +197,6 @@ void ProcessManager::detachProcess() {
 
 bool ProcessManager::isConnected() {
     return automationBackEnd_ ? attached_.load() : ShmComm::getInstance().isConnected();
-}
-
-// The classic back end's start and attach are the client's own (classic/).
-int ProcessManager::startProcess(const std::wstring& command) {
-    return ClassicClient::startProcess(command);
-}
-
-int ProcessManager::attachProcess(int threadId, int flags) {
-    return ClassicClient::attachProcess(threadId, flags);
-}
-
-int ProcessManager::attachProcess(const std::wstring& title) {
-    return ClassicClient::attachProcess(title);
 }
 
 }  // namespace tolva

@@ -22,10 +22,21 @@ public:
     // bounded, for its dispatch thread; false if that thread hasn't ended.
     bool endPreviousUiaConnection();
     int attachUiaProcess(const std::wstring& args, int timeoutMs);
-    // Classic back end.
+    // Classic back end: the client process, its channel and the client
+    // library in its thread. Each gives the process id, 0 on failure.
     int startProcess(const std::wstring& command);
-    int attachProcess(int threadId, int flags);
+    int attachProcess(int threadId, int pid);  // pid 0: the thread's
     int attachProcess(const std::wstring& title);
+    // False, after a message box that waits for the user, when the target's
+    // word size isn't this process's.
+    static bool isMatchingPlatform(int pid);
+    // True also for a process that can't be opened.
+    static bool is64bitProcess(int pid);
+    static bool isWow64Process(HANDLE process);
+    // Whether the thread took a message within 100 tries of 25 ms; on the
+    // first that it takes, the client library's hooks go into the thread.
+    static bool waitForMessageQueue(int threadId);
+    static void installHooks(int threadId);
 
     bool createShutdownThread(int pid);
     static unsigned __stdcall shutdownThreadProc(void* manager);
@@ -45,6 +56,11 @@ private:
     ProcessManager() = default;
     void targetEnded(const Watch& watch);
     void endWatchLocked();
+    // Starts the shutdown thread over the process; false when it can't start.
+    bool startWatch(int pid, UniqueHandle process);
+    // The classic half of detachProcess, with lock_ held; false when the
+    // client library is missing and the client stays attached.
+    bool detachClassicLocked();
 
     std::mutex lock_;              // guards watch_ and the ends of connections
     std::shared_ptr<Watch> watch_;  // the current connection's, if watched; owns the process handle

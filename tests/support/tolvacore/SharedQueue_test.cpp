@@ -183,8 +183,8 @@ public:
     bool ok() const { return view_ && data_; }
     std::uint32_t& field(int offset) { return *reinterpret_cast<std::uint32_t*>(view_ + offset); }
     std::uint32_t ringSize() { return field(12); }
-    std::uint32_t& head() { return field(40); }
-    std::uint32_t& tail() { return field(44); }
+    std::uint32_t& head() { return field(48); }
+    std::uint32_t& tail() { return field(52); }
     // Bytes as they stand, at the ring's head, and the head moved past them.
     void write(const std::vector<std::uint8_t>& bytes, std::uint32_t announced) {
         std::uint8_t* ring = view_ + 64 + ringSize();
@@ -478,4 +478,32 @@ TEST(SharedQueue, RoundTripTime) {
     EXPECT_EQ(1000, adder.calls.load());
     EXPECT_EQ(0, call(*queue, [](ShmQueue& q) { q << 8; }));
     EXPECT_EQ(0u, peer.exitCode(5000));
+}
+
+// A side that lets go of its end in good order ends the other side's waits
+// with ShmTerminatedException, not with a failure.
+TEST(SharedQueue, ASideThatClosesItsEndEndsTheOtherSidesWaits) {
+    const int id = freshId();
+    auto queue = ShmQueue::createQueue(4096, id);
+    Loop loop(queue);
+    {
+        Peer peer("serve", id);
+        EXPECT_EQ(2, twice(*queue, 1));
+        EXPECT_EQ(0, call(*queue, [](ShmQueue& q) { q << 8; }));
+        EXPECT_EQ(0u, peer.exitCode(5000));
+    }
+    EXPECT_TRUE(loop.waitEnded(2000));
+    EXPECT_TRUE(loop.terminated.load()) << loop.end;
+    EXPECT_NE(std::string::npos, loop.end.find("closed")) << loop.end;
+
+    // And the side that attached sees the creator's end the same way.
+    const int other = freshId();
+    auto created = ShmQueue::createQueue(4096, other);
+    auto attached = ShmQueue::attachQueue(other);
+    std::thread closer([&] {
+        Sleep(200);
+        created.reset();
+    });
+    EXPECT_THROW(attached->readAndDispatch(nullptr, 0), ShmTerminatedException);
+    closer.join();
 }

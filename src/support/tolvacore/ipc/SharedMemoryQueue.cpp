@@ -61,6 +61,7 @@ struct SharedMemoryQueue::Shared {
     std::uint32_t ringSize;
     volatile LONG creatorPid;
     volatile LONG attacherPid;
+    volatile LONG closed[2];  // the creating side ([0]) or the attaching one ([1]) has closed its end
     struct Ring {
         volatile std::uint32_t head;  // bytes ever written; only the writing side moves it
         volatile std::uint32_t tail;  // bytes ever read; only the reading side moves it
@@ -164,6 +165,7 @@ void SharedMemoryQueue::open(bool create) {
         shared_->magic = MAGIC;  // last: an attacher that sees it sees the rest
     } else {
         InterlockedExchange(&shared_->attacherPid, static_cast<LONG>(GetCurrentProcessId()));
+        InterlockedExchange(&shared_->closed[1], 0);
     }
     // Each side keeps its own end of each ring; the other side's ends are checked at each use.
     written_ = shared_->rings[create ? 0 : 1].head;
@@ -172,6 +174,11 @@ void SharedMemoryQueue::open(bool create) {
 
 void SharedMemoryQueue::close() {
     terminate();
+    if (shared_) {
+        InterlockedExchange(&shared_->closed[creator_ ? 0 : 1], 1);
+        SetEvent(data_[creator_ ? 0 : 1]);  // wakes the other side to see it
+        SetEvent(room_[creator_ ? 1 : 0]);
+    }
     for (HANDLE* handle : {&data_[0], &data_[1], &room_[0], &room_[1], &ended_, &peer_, &mapping_}) {
         if (*handle) {
             CloseHandle(*handle);
@@ -222,6 +229,9 @@ short SharedMemoryQueue::readAndDispatch(ShmCallable* callback, int timeout) {
                 answers_.erase(me.awaited);
                 me.awaited = 0;
             }
+            if (closedByPeer_) {
+                throw ShmTerminatedException(broken_);
+            }
             throw ShmException(broken_);
         }
         if (timeout > 0 && std::chrono::steady_clock::now() >= deadline) {
@@ -229,12 +239,16 @@ short SharedMemoryQueue::readAndDispatch(ShmCallable* callback, int timeout) {
         }
         if (!reading_ && inbound_.size() < MOST_WAITING_CALLS) {
             reading_ = true;
+            const std::size_t room = MOST_WAITING_CALLS - inbound_.size();
             hold.unlock();
             std::vector<Frame> frames;
             std::string failure;
-            const std::size_t room = MOST_WAITING_CALLS - inbound_.size();
+            bool closed = false;
             try {
                 pump(frames, room);
+            } catch (const ShmTerminatedException& e) {
+                failure = e.getMessage();
+                closed = true;
             } catch (const ShmException& e) {
                 failure = e.getMessage();
             }
@@ -242,6 +256,7 @@ short SharedMemoryQueue::readAndDispatch(ShmCallable* callback, int timeout) {
             reading_ = false;
             if (!failure.empty() && broken_.empty()) {
                 broken_ = failure;
+                closedByPeer_ = closed;
             }
             distribute(frames);
             changed_.notify_all();
@@ -267,7 +282,16 @@ void SharedMemoryQueue::pump(std::vector<Frame>& frames, std::size_t room) {
         InterlockedExchange(&ring.readerAsleep, 0);
         takeFrames(frames, room);
     }
-    if (frames.empty() && peerEnded()) {
+    if (frames.empty()) {
+        checkPeer();
+    }
+}
+
+void SharedMemoryQueue::checkPeer() {
+    if (shared_->closed[creator_ ? 1 : 0]) {
+        throw ShmTerminatedException(describe("The other side has closed the queue"));
+    }
+    if (peerEnded()) {
         throw ShmException(describe("The other side of the queue has ended"));
     }
 }
@@ -458,9 +482,7 @@ void SharedMemoryQueue::writeFrame(std::uint32_t id, const std::vector<std::uint
             }
             return;
         }
-        if (peerEnded()) {
-            throw ShmException(describe("The other side of the queue has ended"));
-        }
+        checkPeer();
         InterlockedExchange(&ring.writerAsleep, 1);
         const std::uint32_t stillUsed = head - ring.tail;
         if (stillUsed <= ringSize_ && ringSize_ - stillUsed < FRAME_HEADER + length) {

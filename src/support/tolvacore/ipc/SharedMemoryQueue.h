@@ -15,7 +15,8 @@
 //
 // No wait is unbounded: every wait also watches for terminate and for the
 // other side's process to end, so a dead peer gives ShmException rather than
-// a hang. Frames are checked against the ring and the message size before a
+// a hang. A side that closes its end (its last owner lets go) marks it so,
+// and the other side's waits end with ShmTerminatedException. Frames are checked against the ring and the message size before a
 // byte is read; a ring that fails the check is broken for good, since its
 // frames can't be found again.
 #pragma once
@@ -78,6 +79,9 @@ private:
     // The other side's process, opened when its id is known; null until then.
     HANDLE peer();  // with peerLock_ held
     bool peerEnded();
+    // Throws ShmTerminatedException when the other side has closed its end
+    // in good order, ShmException when its process has ended.
+    void checkPeer();
     std::string describe(const char* what) const;
 
     const int id_;
@@ -103,6 +107,7 @@ private:
     bool reading_ = false;
     bool terminated_ = false;
     std::string broken_;
+    bool closedByPeer_ = false;  // broken_ tells of the other side's good end
     std::map<std::uint32_t, std::unique_ptr<std::vector<std::uint8_t>>> answers_;  // by call id; null until there
     std::deque<Frame> inbound_;
     std::atomic<std::uint32_t> nextId_{1};

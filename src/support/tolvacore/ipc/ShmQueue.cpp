@@ -95,6 +95,8 @@ ShmQueue& ShmQueue::setupMessage(const char* name) {
     return *this << wide;
 }
 
+void* ShmQueue::calledObject() { return mine().called; }
+
 void ShmQueue::push(int value) {
     outgoing().put(ShmValueType::Raw, static_cast<std::uint32_t>(value), 4);
 }
@@ -219,7 +221,16 @@ ShmMessageKind ShmQueue::dispatchReceived(ShmCallable* fallback) {
         if (!callable) {
             throw ShmException("Call on an unknown object " + hex(reinterpret_cast<std::uintptr_t>(target)));
         }
-        callable->call(*this);
+        ThreadState& me = mine();
+        void* const outer = me.called;
+        me.called = target;
+        try {
+            callable->call(*this);
+        } catch (...) {
+            me.called = outer;
+            throw;
+        }
+        me.called = outer;
     } else if (kind == ShmMessageKind::Message) {
         std::wstring wide;
         *this >> wide;

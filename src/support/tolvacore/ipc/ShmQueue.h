@@ -89,6 +89,10 @@ public:
     // A message of the name, for the handler registered under it on the other side.
     ShmQueue& setupMessage(const char* name);
 
+    // The object that the call being served on this thread names; null when
+    // this thread serves no call.
+    void* calledObject();
+
     // A raw value, outside the stream operators' types.
     void push(int value);
     void pop(int& value);
@@ -122,6 +126,7 @@ protected:
         ShmMessage outgoing;
         ShmMessage incoming;
         std::uint32_t awaited = 0;
+        void* called = nullptr;
         struct Served {
             std::uint32_t id;
             bool answered;
