@@ -199,6 +199,12 @@ TEST_F(Classic, AttachClientByThreadAndByTitleSeesTheWindowTree) {
     EXPECT_EQ("'" + classOf(edit) + "'", show(native<jstring>("GetClassName", handleOfWindow(edit))));
     EXPECT_EQ(jint(thread), native<jint>("GetThreadId"));
     EXPECT_EQ(0, attachClient(thread)) << "a second attach while attached";
+    // A title that matches, with an attach that fails, and one that doesn't compile.
+    EXPECT_EQ(0, native<jint>("AttachClient__Ljava_lang_String_2", host->str(L"Classic tree")));
+    EXPECT_EQ(1u, LogFile::count("No matching window", 3));
+    EXPECT_EQ(0, native<jint>("AttachClient__Ljava_lang_String_2", host->str(L"Classic (tree")));
+    EXPECT_EQ(2u, LogFile::count("No matching window", 3));
+    EXPECT_TRUE(connected()) << "the failed attaches left the connection alone";
 
     // Detached: the client leaves the target and the channel ends.
     native<void>("DetachClient");
@@ -207,7 +213,7 @@ TEST_F(Classic, AttachClientByThreadAndByTitleSeesTheWindowTree) {
 
     // Found again by a title expression, as a whole-string match.
     EXPECT_EQ(0, native<jint>("AttachClient__Ljava_lang_String_2", host->str(L"Classic")));
-    EXPECT_TRUE(LogFile::contains("No matching window", 3));
+    EXPECT_EQ(3u, LogFile::count("No matching window", 3)) << "a part of the title is no match";
     EXPECT_EQ(jint(target.pid()), native<jint>("AttachClient__Ljava_lang_String_2", host->str(L"Classic t.*")));
     classicAttached = true;
     ASSERT_TRUE(waitConnected()) << "no new connection after the detach";
@@ -258,6 +264,21 @@ TEST_F(Classic, TheUsersInputAndTriggerThreadReachJava) {
     native<void>("TriggerThread");
     EXPECT_TRUE(waitUntil([&] { return !host->constructions("net/tolva/apps/cuebench/client/win/deskwright/event/CallbackEvent").empty(); }, 5000))
         << "TriggerThread gave no CallbackEvent";
+}
+
+// Terminate asks the client to end the target: the process ends, and so
+// does the connection.
+TEST_F(Classic, TerminateEndsTheTargetThroughItsClient) {
+    const jint pid = startClient(L"target.exe \"Classic ending\"");
+    ASSERT_NE(0, pid);
+    ASSERT_TRUE(waitConnected());
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(pid));
+    ASSERT_NE(nullptr, process);
+    native<void>("Terminate");
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(process, 5000)) << "the target is still running";
+    CloseHandle(process);
+    EXPECT_TRUE(waitUntil([&] { return !connected(); }, 5000));
+    classicAttached = false;
 }
 
 // The target dies while a Java thread keeps calling: the calls end with

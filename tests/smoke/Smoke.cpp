@@ -1,5 +1,7 @@
 // A smoke session of the driver: loads deskwright.dll into the JNI test host,
-// as a Java VM would, drives it over a simulated desktop whose one window
+// as a Java VM would, starts the target program through the classic back end
+// and lists its windows over the client library inside it, drives the
+// automation back end over a simulated desktop whose one window
 // belongs to this process, then attaches it to a real target process
 // (target.exe, beside this program), clicks a button and types into an edit
 // there with real input while the recorder listens, and prints what happened,
@@ -222,6 +224,54 @@ private:
 
 }  // namespace
 
+// The classic back end, before any automation attach (which routes every
+// later call to the automation side for good): StartClient starts the target
+// program, whose client library connects over shared memory, and Java lists
+// the target's windows through it.
+void classicSession(dwtest::Deskwright& dll, jnihost::JavaHost& host, JNIEnv* env, jobject self) {
+    std::printf("  classic back end: the client library inside the target\n");
+    const jint pid = dll.call<jint>("StartClient", env, self, host.str(L"target.exe \"Classic smoke\" \"Second window\""));
+    step(pid != 0, "StartClient(target.exe ...) = " + std::to_string(pid));
+    if (pid == 0) return;
+    bool connected = false;
+    for (int waited = 0; waited < 10000 && !connected; waited += 50) {
+        Sleep(50);
+        connected = dll.call<jboolean>("IsConnected", env, self) == JNI_TRUE;
+    }
+    step(connected, "the client said connected");
+    const auto tops = host.longs(dll.call<jlongArray>("GetToplevels", env, self));
+    step(tops.size() == 2, "GetToplevels over the client: " + std::to_string(tops.size()) + " window(s)");
+    for (jlong top : tops) {
+        HWND window = reinterpret_cast<HWND>(static_cast<intptr_t>(top));
+        wchar_t title[128] = {};
+        GetWindowTextW(window, title, 128);
+        const auto bounds = host.ints(dll.call<jintArray>("GetBounds", env, self, top));
+        const std::wstring className = host.text(dll.call<jstring>("GetClassName", env, self, top));
+        const auto children = host.longs(dll.call<jlongArray>("GetChildren", env, self, top));
+        std::printf("         window 0x%llx \"%s\" class %s at %d,%d size %dx%d, %u children\n",
+                    static_cast<unsigned long long>(top), narrow(title).c_str(), narrow(className).c_str(),
+                    int(bounds.at(0)), int(bounds.at(1)), int(bounds.at(2)), int(bounds.at(3)),
+                    static_cast<unsigned>(children.size()));
+    }
+    dll.call<void>("TriggerThread", env, self);
+    step(host.waitForConstructions("net/tolva/apps/cuebench/client/win/deskwright/event/CallbackEvent", 1, 5000),
+         "TriggerThread over the client: a CallbackEvent went up");
+    dll.call<void>("DetachClient", env, self);
+    bool ended = false;
+    for (int waited = 0; waited < 10000 && !ended; waited += 50) {
+        Sleep(50);
+        ended = dll.call<jboolean>("IsConnected", env, self) == JNI_FALSE;
+    }
+    step(ended, "DetachClient: the client left the target and the channel ended");
+    HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, static_cast<DWORD>(pid));
+    if (process) {
+        TerminateProcess(process, 0);
+        WaitForSingleObject(process, 5000);
+        CloseHandle(process);
+    }
+    host.clearRecords();
+}
+
 // Java points out the button: a frame around it for three seconds, kept as a
 // screenshot beside this program for the user to look at.
 void showHighlight(dwtest::Deskwright& dll, JNIEnv* env, jobject self, jlong handle, HWND button) {
@@ -276,6 +326,8 @@ int main() {
     auto cls = host.text(dll.call<jstring>("GetWindowClassName", env, self, hwnd));
     step(title == L"plain window" && cls == L"Edit", "window natives: \"" + narrow(title) + "\" of class " + narrow(cls));
     DestroyWindow(edit);
+
+    classicSession(dll, host, env, self);
 
     const std::wstring args = L"-pid " + std::to_wstring(GetCurrentProcessId());
     const jint pid = dll.call<jint>("AttachUiaClient", env, self, host.str(args), jint{3000});
