@@ -1,5 +1,6 @@
 #include "classic/ShmComm.h"
 
+#include "classic/ClientProtocol.h"
 #include "common/Logging.h"
 #include "events/EventFilter.h"
 
@@ -22,18 +23,6 @@ Logger& logger = Log::getLogger("tolva.ShmComm");
 
 const unsigned THREAD_STACK_SIZE = 0x10000;
 const DWORD PREVIOUS_END_WAIT_MS = 5000;
-
-// Method numbers of the client's element objects, and of its root object.
-enum Method : int {
-    GET_NATIVE_HANDLE = 1,
-    GET_CLASS_NAME = 3,
-    GET_CLASS_NAMES = 5,
-    GET_PARENT = 7,
-    GET_CHILDREN = 9,
-    GET_BOUNDS = 11,
-    EVAL_JS = 13,
-    GET_TOPLEVELS = 1,
-};
 
 void* objectOf(Handle handle) { return reinterpret_cast<void*>(handle); }
 Handle handleOf(void* object) { return reinterpret_cast<Handle>(object); }
@@ -107,9 +96,6 @@ bool ShmComm::setup(unsigned size, int id) {
     }
     std::lock_guard<std::mutex> hold(lock_);
     queue_ = queue;
-    clientQueue_.reset();
-    client_ = nullptr;
-    async_ = nullptr;
     if (thread_) {
         CloseHandle(thread_);
     }

@@ -2,6 +2,7 @@
 // opening the channel and putting the client library into its thread.
 #include "engine/ProcessManager.h"
 
+#include "classic/ClientProtocol.h"
 #include "classic/ShmComm.h"
 #include "common/Logging.h"
 #include "uiahelper/Regex.h"
@@ -17,7 +18,6 @@ namespace {
 Logger& logger = Log::getLogger("tolva.ProcessManager");
 
 const unsigned QUEUE_SIZE = 4096;
-const int QUEUE_ID_OFFSET = 0x10000;
 const int MESSAGE_QUEUE_TRIES = 100;
 const DWORD MESSAGE_QUEUE_WAIT_MS = 25;
 const DWORD THREAD_QUERY = 64;  // THREAD_QUERY_INFORMATION
@@ -27,7 +27,7 @@ const wchar_t* const CLIENT_LIBRARY = L"tolvawinclient.dll";
 using RegisterHooksFn = int (*)(DWORD threadId);
 using UnregisterHooksFn = int (*)();
 
-int queueIdOf(int threadId) { return threadId + QUEUE_ID_OFFSET; }
+int queueIdOf(int threadId) { return threadId + DRIVER_QUEUE_ID_OFFSET; }
 
 // The empty message that shows a thread has a message queue. Thread id 0 is
 // no thread: some systems take a post to it, and the hooks that follow would

@@ -8,6 +8,8 @@
 //
 // Objects on the wire: a window is its handle; the root object and the
 // object for requests are two fixed values that no window handle takes.
+#include "classic/ClientProtocol.h"
+#include "events/WinClientEvent.h"
 #include "tolvacore/ipc/ShmQueue.h"
 
 #include <windows.h>
@@ -26,6 +28,19 @@
 using tolva::tolvacore::ipc::ShmCallable;
 using tolva::tolvacore::ipc::ShmException;
 using tolva::tolvacore::ipc::ShmQueue;
+using tolva::DRIVER_QUEUE_ID_OFFSET;
+using tolva::EVENT_CALLBACK;
+using tolva::EVENT_KEY;
+using tolva::EVENT_MARKER;
+using tolva::EVENT_MOUSE;
+using tolva::EVAL_JS;
+using tolva::GET_BOUNDS;
+using tolva::GET_CHILDREN;
+using tolva::GET_CLASS_NAME;
+using tolva::GET_CLASS_NAMES;
+using tolva::GET_NATIVE_HANDLE;
+using tolva::GET_PARENT;
+using tolva::GET_TOPLEVELS;
 
 namespace {
 
@@ -34,29 +49,12 @@ HHOOK hook = nullptr;  // in the driver's process: the hook RegisterHooks set
 
 void* const ROOT = reinterpret_cast<void*>(std::uintptr_t(0x7F000001));
 void* const REQUESTS = reinterpret_cast<void*>(std::uintptr_t(0x7F000002));
-const int DRIVER_QUEUE_OFFSET = 0x10000;
 const int OWN_QUEUE_BASE = 0x40000000;
 const unsigned QUEUE_SIZE = 4096;
 const std::size_t MOST_WAITING_RECORDS = 10000;
 
-// The values of the driver's event records, as the client sends them.
-const unsigned EVENT_MARKER = 0x1E000000;
-const int EVENT_CALLBACK = 120;
-const int EVENT_KEY = 201;
-const int EVENT_MOUSE = 202;
 // Java's input-event modifier bits.
 const int SHIFT_MASK = 1, CTRL_MASK = 2, ALT_MASK = 8, BUTTON1_MASK = 16, BUTTON2_MASK = 8, BUTTON3_MASK = 4;
-
-enum Method : int {
-    GET_NATIVE_HANDLE = 1,
-    GET_CLASS_NAME = 3,
-    GET_CLASS_NAMES = 5,
-    GET_PARENT = 7,
-    GET_CHILDREN = 9,
-    GET_BOUNDS = 11,
-    EVAL_JS = 13,
-    GET_TOPLEVELS = 1,
-};
 
 // One event record waiting to go to the driver.
 struct Record {
@@ -314,7 +312,7 @@ DWORD WINAPI Client::mainThread(void* param) {
 
 bool Client::connect() {
     try {
-        driver_ = ShmQueue::attachQueue(static_cast<int>(threadId_) + DRIVER_QUEUE_OFFSET);
+        driver_ = ShmQueue::attachQueue(static_cast<int>(threadId_) + DRIVER_QUEUE_ID_OFFSET);
         for (int i = 0; i < 64 && !own_; ++i) {
             try {
                 ownId_ = OWN_QUEUE_BASE + static_cast<int>(GetCurrentProcessId() % 0x100000) * 64 + i;
