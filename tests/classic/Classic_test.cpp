@@ -84,6 +84,12 @@ protected:
         }
         // The channel's thread ends with the client's end or the target's.
         EXPECT_TRUE(waitUntil([&] { return !connected(); }, 10000)) << "the channel stayed up";
+        // On its way out it lets go of the Java host, which goes with this
+        // fixture: the host must outlive every channel thread that is ending.
+        if (!channelStaysUp) {
+            EXPECT_TRUE(waitUntil([] { return channelThreads("start") == channelThreads("done"); }, 10000))
+                << "a channel thread did not end";
+        }
         DriverTest::TearDown();
     }
 
@@ -121,7 +127,17 @@ protected:
         return waitUntil([&] { return eventsOf(className).size() >= count; }, 10000);
     }
 
+    // The channel threads that logged the word, as their start and their end.
+    static size_t channelThreads(const char* word) {
+        size_t count = 0;
+        for (const auto& line : LogFile::find(word, 5)) count += line.logger == "tolva.ShmComm" ? 1 : 0;
+        return count;
+    }
+
     bool classicAttached = false;
+    // A failed attach leaves its channel waiting for a client that never
+    // comes; nothing ends it before the process does.
+    bool channelStaysUp = false;
     std::vector<DWORD> started;
 };
 
@@ -337,7 +353,7 @@ TEST_F(Classic, StartsAndAttachesThatCantSucceedGiveZero) {
     EXPECT_LT(ms.count(), 10000);
     EXPECT_TRUE(LogFile::contains("Probably no message queue", 5));
     EXPECT_FALSE(connected());
-    // The channel made for it stays until the next start; end it here.
+    channelStaysUp = true;  // until the next start or attach
 }
 
 // Thread id 0 names no process. A process that can't be opened counts as
@@ -367,6 +383,7 @@ TEST_F(Classic, ThreadIdZeroAttachesNothing) {
     if (sizeof(void*) == 4) {
         EXPECT_EQ(L"Please launch a 64-bit wrapper to deal with a 64-bit process.", boxText);
     } else {
+        channelStaysUp = true;  // the failed attach's channel
         EXPECT_EQ(L"", boxText) << "no box in the 64-bit driver";
         EXPECT_GE(ms.count(), 2400) << "the knocking at thread 0";
         EXPECT_TRUE(LogFile::contains("Probably no message queue", 5));
