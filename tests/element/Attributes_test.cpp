@@ -150,13 +150,13 @@ TEST_F(Attributes, WindowStyleAndForegroundComeFromTheElementsOwnWindow) {
     ASSERT_LT(style, 0) << "WS_POPUP is the top bit";
 
     SetForegroundWindow(popup);
-    ASSERT_TRUE(dwtest::waitUntil([&] { return GetForegroundWindow() == popup; }, 2000));
+    ASSERT_EQ(popup, dwtest::settledForeground());
     expectAll({{"the style as a signed number", pane, L"windowstyle", std::to_wstring(style)},
                {"no window of its own", insideHandle, L"windowstyle", L"0"},
                {"in the foreground", pane, L"foreground", L"1"},
                {"only the element's own window counts", insideHandle, L"foreground", L"0"}});
     SetForegroundWindow(other);
-    ASSERT_TRUE(dwtest::waitUntil([&] { return GetForegroundWindow() == other; }, 2000));
+    ASSERT_EQ(other, dwtest::settledForeground());
     EXPECT_EQ(L"0", attr(pane, L"foreground"));
 }
 

@@ -30,22 +30,6 @@ protected:
     // A hidden top-level window of this thread, destroyed at the end of the
     // test: its activation is the window system's own, and the foreground
     // stays with the desktop that tests running at the same time share.
-    // The foreground window once the focus changes that the display server
-    // still delivers have come in: the same for 300 ms while this thread
-    // takes its messages (at most 3 s).
-    static HWND settledForeground() {
-        HWND last = GetForegroundWindow();
-        for (int same = 0, step = 0; same < 6 && step < 60; ++step) {
-            MSG message;
-            while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&message);
-            Sleep(50);
-            const HWND now = GetForegroundWindow();
-            same = now == last ? same + 1 : 0;
-            last = now;
-        }
-        return last;
-    }
-
     HWND makeWindow(RECT r) {
         HWND window = windows.emplace_back(L"STATIC", L"", WS_OVERLAPPEDWINDOW, r).hwnd;
         EXPECT_NE(nullptr, window) << "error " << GetLastError();
@@ -240,9 +224,9 @@ TEST_F(Actions, BringToFrontFocusesTheTopElementOrRaisesTheNearestWindowOfTypeWi
         // foreground back from the frame.
         const HWND start = round == 0 ? other : frame;
         ASSERT_TRUE(SetForegroundWindow(start));
-        ASSERT_EQ(start, settledForeground()) << "round " << round;
+        ASSERT_EQ(start, dwtest::settledForeground()) << "round " << round;
         EXPECT_EQ(JNI_TRUE, native<jboolean>("BringToFront", handle)) << "round " << round;
-        EXPECT_EQ(frame, settledForeground()) << "round " << round;
+        EXPECT_EQ(frame, dwtest::settledForeground()) << "round " << round;
     }
     EXPECT_EQ(1, top->setFocusCalls());
 
@@ -254,9 +238,9 @@ TEST_F(Actions, BringToFrontFocusesTheTopElementOrRaisesTheNearestWindowOfTypeWi
                                          spec.nativeWindowHandle = panel;
                                      }),
                                  UIA_ButtonControlTypeId, L"OK");
-    const HWND before = settledForeground();
+    const HWND before = dwtest::settledForeground();
     EXPECT_EQ(JNI_FALSE, native<jboolean>("BringToFront", handleOf(inPanel)));
-    EXPECT_EQ(before, settledForeground()) << "the foreground changed";
+    EXPECT_EQ(before, dwtest::settledForeground()) << "the foreground changed";
 }
 
 TEST_F(Actions, ScrollAndScrollIntoView) {

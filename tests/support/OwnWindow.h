@@ -27,4 +27,22 @@ inline void registerClass(const wchar_t* name, WNDPROC procedure) {
     RegisterClassW(&windowClass);
 }
 
+// The foreground window once the focus changes that the display server
+// still delivers have come in: the same for 300 ms while the calling thread
+// takes its messages (at most 3 s). Under X a window made foreground hears of
+// it late, and a late focus event can take the foreground back from a window
+// made foreground after it.
+inline HWND settledForeground() {
+    HWND last = GetForegroundWindow();
+    for (int same = 0, step = 0; same < 6 && step < 60; ++step) {
+        MSG message;
+        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&message);
+        Sleep(50);
+        const HWND now = GetForegroundWindow();
+        same = now == last ? same + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
 }  // namespace dwtest

@@ -41,6 +41,13 @@ setup)
     [ -s "$state/display" ] || { echo "no display server"; cat "$state/xvfb.log"; exit 1; }
     export DISPLAY=:$(cat "$state/display")
   fi
+  # A setup again (a repeated run) first ends the Wine of the last one: its
+  # server and services would outlive the prefix they lost.
+  if [ -d "$WINEPREFIX" ]; then
+    [ -f "$state/keep-alive.pid" ] && kill "$(cat "$state/keep-alive.pid")" 2>/dev/null
+    wineserver -k </dev/null >/dev/null 2>&1
+    wineserver -w </dev/null >/dev/null 2>&1
+  fi
   rm -rf "$WINEPREFIX"
   wineboot -i >"$state/wineboot.log" 2>&1 || { cat "$state/wineboot.log"; exit 1; }
   wineserver -w </dev/null >/dev/null 2>&1
