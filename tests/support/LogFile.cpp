@@ -1,5 +1,6 @@
 #include "LogFile.h"
 
+#include <gtest/gtest.h>
 #include <windows.h>
 
 #include <cstdlib>
@@ -36,7 +37,14 @@ bool parse(const std::string& text, LogLine& line) {
 void LogFile::configure(const std::wstring& levels) {
     wchar_t dir[MAX_PATH];
     GetTempPathW(MAX_PATH, dir);
-    logPath() = std::wstring(dir) + L"deskwright-test-" + std::to_wstring(GetCurrentProcessId()) + L".log";
+    std::wstring name;
+    if (const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info()) {
+        for (const char* part : {test->test_suite_name(), ".", test->name()}) {
+            for (const char* c = part; *c; ++c) name += *c == '/' ? L'_' : static_cast<wchar_t>(*c);
+        }
+        name += L'-';
+    }
+    logPath() = std::wstring(dir) + L"deskwright-test-" + name + std::to_wstring(GetCurrentProcessId()) + L".log";
     DeleteFileW(logPath().c_str());
     _wputenv_s(L"TOLVA_LOG_FILE", logPath().c_str());
     _wputenv_s(L"TOLVA_LOG_LEVELS", levels.c_str());
