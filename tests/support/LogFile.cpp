@@ -37,14 +37,19 @@ bool parse(const std::string& text, LogLine& line) {
 void LogFile::configure(const std::wstring& levels) {
     wchar_t dir[MAX_PATH];
     GetTempPathW(MAX_PATH, dir);
-    std::wstring name;
-    if (const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info()) {
-        for (const char* part : {test->test_suite_name(), ".", test->name()}) {
-            for (const char* c = part; *c; ++c) name += *c == '/' ? L'_' : static_cast<wchar_t>(*c);
+    // One file for the process, named after its first test: the driver may
+    // stay loaded from one test of the process to the next and keep writing
+    // to the file it opened first.
+    if (logPath().empty()) {
+        std::wstring name;
+        if (const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info()) {
+            for (const char* part : {test->test_suite_name(), ".", test->name()}) {
+                for (const char* c = part; *c; ++c) name += *c == '/' ? L'_' : static_cast<wchar_t>(*c);
+            }
+            name += L'-';
         }
-        name += L'-';
+        logPath() = std::wstring(dir) + L"deskwright-test-" + name + std::to_wstring(GetCurrentProcessId()) + L".log";
     }
-    logPath() = std::wstring(dir) + L"deskwright-test-" + name + std::to_wstring(GetCurrentProcessId()) + L".log";
     DeleteFileW(logPath().c_str());
     _wputenv_s(L"TOLVA_LOG_FILE", logPath().c_str());
     _wputenv_s(L"TOLVA_LOG_LEVELS", levels.c_str());

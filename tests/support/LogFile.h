@@ -18,7 +18,7 @@ struct LogLine {
 class LogFile {
 public:
     // Points TOLVA_LOG_FILE and TOLVA_LOG_LEVELS (by default every logger at 10) at a new
-    // file of this process, named after the running test ("deskwright-test-<Suite.Test>-<pid>.log"
+    // file of this process, named after its first test ("deskwright-test-<Suite.Test>-<pid>.log"
     // in the temporary directory, with '/' made '_'), which the suite's runner shows the end of
     // when the test runs out of time or crashes; must run before the driver is loaded.
     static void configure(const std::wstring& levels = L"*=10");
