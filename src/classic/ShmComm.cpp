@@ -7,6 +7,7 @@
 #include <process.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <vector>
 
@@ -23,6 +24,10 @@ Logger& logger = Log::getLogger("tolva.ShmComm");
 
 const unsigned THREAD_STACK_SIZE = 0x10000;
 const DWORD PREVIOUS_END_WAIT_MS = 5000;
+// How long a request waits for the client's queue that "connected" is
+// attaching right now. The attachment opens a mapping and its events; this
+// bounds it should the thread be stuck.
+const DWORD ATTACHING_WAIT_MS = 5000;
 
 void* objectOf(Handle handle) { return reinterpret_cast<void*>(handle); }
 Handle handleOf(void* object) { return reinterpret_cast<Handle>(object); }
@@ -139,12 +144,17 @@ unsigned __stdcall ShmComm::shmThreadProc(void* param) {
     auto* comm = static_cast<ShmComm*>(param);
     tolva_logSetThreadName("dispatch");
     TOLVA_LOG(logger, 5, "start");
+    {
+        std::lock_guard<std::mutex> hold(comm->lock_);
+        comm->threadId_ = GetCurrentThreadId();
+    }
     const std::shared_ptr<ShmQueue> queue = comm->ownQueue();
     if (queue) {
         queue->registerMessageHandler("ClientMessage", comm);
         EventFilter::getInstance().attachThread();
         comm->serve(queue);
         comm->async_ = nullptr;
+        comm->endAttaching(nullptr);
         EventFilter::getInstance().detachThread();
     }
     TOLVA_LOG(logger, 5, "done");
@@ -174,20 +184,25 @@ void ShmComm::handleMessage(ShmQueue& queue) {
         void* async = nullptr;
         void* client = nullptr;
         queue >> shmid >> async >> client;
+        beginAttaching();
         async_ = async;
         client_ = client;
         TOLVA_LOG(logger, 9, "shmid: " << shmid << ", async: " << async << ", client: " << client);
-        EventFilter::getInstance().onConnect();
-        queue.setupReturn() << static_cast<ShmCallable*>(&EventFilter::getInstance());
-        queue.sendReturn();
         std::shared_ptr<ShmQueue> clientQueue;
         try {
-            clientQueue = ShmQueue::attachQueue(shmid);
-        } catch (const ShmException& e) {
-            TOLVA_LOG(logger, 1, e.getMessage());
+            EventFilter::getInstance().onConnect();
+            queue.setupReturn() << static_cast<ShmCallable*>(&EventFilter::getInstance());
+            queue.sendReturn();
+            try {
+                clientQueue = ShmQueue::attachQueue(shmid);
+            } catch (const ShmException& e) {
+                TOLVA_LOG(logger, 1, e.getMessage());
+            }
+        } catch (...) {
+            endAttaching(nullptr);
+            throw;
         }
-        std::lock_guard<std::mutex> hold(lock_);
-        clientQueue_ = clientQueue;
+        endAttaching(clientQueue);
     } else {
         queue.returnInt(0);
     }
@@ -216,15 +231,37 @@ bool ShmComm::call(const char* what, void* object, int method, const std::functi
     }
 }
 
+void ShmComm::beginAttaching() {
+    std::lock_guard<std::mutex> hold(lock_);
+    attaching_ = true;
+}
+
+void ShmComm::endAttaching(std::shared_ptr<ShmQueue> clientQueue) {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        if (clientQueue || attaching_) {
+            clientQueue_ = std::move(clientQueue);
+        }
+        attaching_ = false;
+    }
+    attachingEnded_.notify_all();
+}
+
+std::shared_ptr<ShmQueue> ShmComm::clientQueueOnceAttached() {
+    std::unique_lock<std::mutex> hold(lock_);
+    // Java learns of the client in onConnect, on the serving thread, and
+    // may ask from there: that thread can't wait for itself.
+    if (GetCurrentThreadId() != threadId_) {
+        attachingEnded_.wait_for(hold, std::chrono::milliseconds(ATTACHING_WAIT_MS), [this] { return !attaching_; });
+    }
+    return clientQueue_;
+}
+
 void ShmComm::request(const char* name) {
     TOLVA_LOG(logger, 7, "");
     void* const async = async_.load();
     TOLVA_LOG(logger, 9, "async: " << async);
-    std::shared_ptr<ShmQueue> clientQueue;
-    {
-        std::lock_guard<std::mutex> hold(lock_);
-        clientQueue = clientQueue_;
-    }
+    const std::shared_ptr<ShmQueue> clientQueue = clientQueueOnceAttached();
     if (!clientQueue) {
         TOLVA_LOG(logger, 3, name << ": the client has no request queue");
         return;

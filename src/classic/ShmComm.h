@@ -15,6 +15,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -70,7 +71,16 @@ private:
               const std::function<void(tolvacore::ipc::ShmQueue&)>& reader);
     void request(const char* name);
 
-    std::mutex lock_;  // guards the two queues and the thread handle
+    // Between "connected" setting async and the client's queue being
+    // attached; a request in that gap waits for the attachment.
+    void beginAttaching();
+    void endAttaching(std::shared_ptr<tolvacore::ipc::ShmQueue> clientQueue);
+    std::shared_ptr<tolvacore::ipc::ShmQueue> clientQueueOnceAttached();
+
+    std::mutex lock_;  // guards the two queues, the attaching state and the thread handle
+    std::condition_variable attachingEnded_;
+    bool attaching_ = false;
+    DWORD threadId_ = 0;  // of the thread that serves the own queue
     std::shared_ptr<tolvacore::ipc::ShmQueue> queue_;
     std::shared_ptr<tolvacore::ipc::ShmQueue> clientQueue_;
     HANDLE thread_ = nullptr;
