@@ -12,6 +12,7 @@
 #include "TargetProcess.h"
 
 #include <psapi.h>
+#include <winternl.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +21,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 using dwtest::DriverTest;
@@ -53,6 +55,30 @@ DWORD handleCount() {
         count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
     }
     return count;
+}
+
+// What kind of object a handle stands for ("Event", "Thread", ...).
+std::string handleKind(HANDLE handle) {
+    alignas(8) unsigned char buffer[512] = {};
+    ULONG length = 0;
+    if (NtQueryObject(handle, ObjectTypeInformation, buffer, sizeof buffer, &length) < 0) return "?";
+    const UNICODE_STRING& name = reinterpret_cast<const PUBLIC_OBJECT_TYPE_INFORMATION*>(buffer)->TypeName;
+    std::string kind;
+    for (USHORT i = 0; name.Buffer && i < name.Length / sizeof(wchar_t); ++i) kind += static_cast<char>(name.Buffer[i]);
+    return kind;
+}
+
+// The open handles of this process below 0x10000 with their kinds, found as
+// handleCount() finds them.
+std::map<ULONG_PTR, std::string> openHandles() {
+    std::map<ULONG_PTR, std::string> handles;
+    for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
+        DWORD flags = 0;
+        if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) {
+            handles[value] = handleKind(reinterpret_cast<HANDLE>(value));
+        }
+    }
+    return handles;
 }
 
 class Soak : public DriverTest {
@@ -194,9 +220,12 @@ protected:
             still = now < count ? 0 : still + 1;
             count = std::min(count, now);
         }
+        lastHandles = openHandles();
         pause = false;
         return count;
     }
+    // The handles that the last quiet count saw, for naming the ones that stayed.
+    std::map<ULONG_PTR, std::string> lastHandles;
 
     std::unique_ptr<TargetProcess> targets[2];
     std::atomic<bool> pause{false};
@@ -220,6 +249,7 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
     // and ends after the last cycle in the same state: no connection, the
     // last two targets dead but still held, the Java threads between two calls.
     DWORD handlesBefore = 0;
+    std::map<ULONG_PTR, std::string> baselineHandles;
     std::atomic<bool> stop{false};
     std::vector<std::thread> workers;
     for (int i = 0; i < WORKERS; ++i) workers.emplace_back([&, i] { work(i, stop); });
@@ -284,7 +314,10 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
             }
             }
             slowest = std::max(slowest, GetTickCount64() - roundStart);
-            if (round == baselineRound) handlesBefore = quietHandleCount();
+            if (round == baselineRound) {
+                handlesBefore = quietHandleCount();
+                baselineHandles = lastHandles;
+            }
         }
     };
     runRounds();
@@ -292,6 +325,10 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
     watchdog.join();
     const ULONGLONG elapsed = GetTickCount64() - start;
     const DWORD handlesAfter = quietHandleCount();
+    std::ostringstream newHandles;
+    for (const auto& [value, kind] : lastHandles) {
+        if (!baselineHandles.count(value)) newHandles << " 0x" << std::hex << value << std::dec << " " << kind;
+    }
     stop = true;
     for (std::thread& worker : workers) worker.join();
     Sleep(500);  // a terminate that comes late would be one too many
@@ -308,7 +345,8 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
     EXPECT_EQ(diedWhileAttached, winEvents(TERMINATED)) << "one onTerminate per target that died while attached";
     EXPECT_EQ(0u, host->globalRefCount());
     EXPECT_EQ(0, platform->outstandingReferences());
-    EXPECT_LE(handlesAfter, handlesBefore + 1) << "kernel handles pile up";
+    EXPECT_LE(handlesAfter, handlesBefore + 1) << "kernel handles pile up; open now and not at round "
+                                               << baselineRound << ":" << newHandles.str();
     EXPECT_GT(calls.load(), 0);
     EXPECT_GT(releases.load(), 0) << "controls were released while in use";
     EXPECT_GT(keyChecks, 0) << "keys were checked";

@@ -123,8 +123,9 @@ TEST_F(CheckMode, TheOverlayRidesOverTheTargetAndMarksItsElement) {
     const LONG_PTR exStyle = GetWindowLongPtrW(overlay, GWL_EXSTYLE);
     EXPECT_EQ(WS_EX_NOACTIVATE | WS_EX_LAYERED | WS_EX_TOPMOST,
               exStyle & (WS_EX_NOACTIVATE | WS_EX_LAYERED | WS_EX_TOPMOST));
+    // The dispatch thread makes the window translucent just after creating it.
     BYTE alpha = 0;
-    EXPECT_TRUE(GetLayeredWindowAttributes(overlay, nullptr, &alpha, nullptr));
+    EXPECT_TRUE(dwtest::waitUntil([&] { return GetLayeredWindowAttributes(overlay, nullptr, &alpha, nullptr); }, 3000));
     EXPECT_EQ(50, alpha);
 
     restAt(centre(BUTTON));

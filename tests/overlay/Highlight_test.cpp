@@ -160,7 +160,7 @@ TEST_F(Highlight, CoverModeIsALayeredRectangle) {
     EXPECT_TRUE(GetWindowLongPtrW(cover, GWL_EXSTYLE) & WS_EX_LAYERED);
     BYTE alpha = 0;
     DWORD flags = 0;
-    ASSERT_TRUE(GetLayeredWindowAttributes(cover, nullptr, &alpha, &flags));
+    ASSERT_TRUE(dwtest::waitUntil([&] { return GetLayeredWindowAttributes(cover, nullptr, &alpha, &flags); }, 3000));
     EXPECT_EQ(100, alpha);
     EXPECT_EQ(static_cast<DWORD>(LWA_ALPHA), flags);
     HRGN region = CreateRectRgn(0, 0, 0, 0);

@@ -100,8 +100,9 @@ TEST_F(Overlay, TheInfoWindowStandsAtTheBottomLeftAndCannotBeClosed) {
     const HWND cover = ownWindowOf(L"TolvaCoverClass");
     ASSERT_NE(nullptr, cover);
     EXPECT_FALSE(IsWindowVisible(cover)) << "the cover starts hidden";
+    // The overlay thread makes the cover translucent just after creating it.
     BYTE alpha = 0;
-    EXPECT_TRUE(GetLayeredWindowAttributes(cover, nullptr, &alpha, nullptr));
+    EXPECT_TRUE(dwtest::waitUntil([&] { return GetLayeredWindowAttributes(cover, nullptr, &alpha, nullptr); }, 3000));
     EXPECT_EQ(50, alpha);
 
     SendMessageW(info, WM_CLOSE, 0, 0);
