@@ -154,7 +154,6 @@ unsigned __stdcall ShmComm::shmThreadProc(void* param) {
         EventFilter::getInstance().attachThread();
         comm->serve(queue);
         comm->async_ = nullptr;
-        comm->endAttaching(nullptr);
         EventFilter::getInstance().detachThread();
     }
     TOLVA_LOG(logger, 5, "done");
@@ -189,20 +188,17 @@ void ShmComm::handleMessage(ShmQueue& queue) {
         client_ = client;
         TOLVA_LOG(logger, 9, "shmid: " << shmid << ", async: " << async << ", client: " << client);
         std::shared_ptr<ShmQueue> clientQueue;
+        // Ends the attaching with what clientQueue holds, also when the
+        // answer to the client throws.
+        const AttachingEnd end{*this, clientQueue};
+        EventFilter::getInstance().onConnect();
+        queue.setupReturn() << static_cast<ShmCallable*>(&EventFilter::getInstance());
+        queue.sendReturn();
         try {
-            EventFilter::getInstance().onConnect();
-            queue.setupReturn() << static_cast<ShmCallable*>(&EventFilter::getInstance());
-            queue.sendReturn();
-            try {
-                clientQueue = ShmQueue::attachQueue(shmid);
-            } catch (const ShmException& e) {
-                TOLVA_LOG(logger, 1, e.getMessage());
-            }
-        } catch (...) {
-            endAttaching(nullptr);
-            throw;
+            clientQueue = ShmQueue::attachQueue(shmid);
+        } catch (const ShmException& e) {
+            TOLVA_LOG(logger, 1, e.getMessage());
         }
-        endAttaching(clientQueue);
     } else {
         queue.returnInt(0);
     }
@@ -239,9 +235,7 @@ void ShmComm::beginAttaching() {
 void ShmComm::endAttaching(std::shared_ptr<ShmQueue> clientQueue) {
     {
         std::lock_guard<std::mutex> hold(lock_);
-        if (clientQueue || attaching_) {
-            clientQueue_ = std::move(clientQueue);
-        }
+        clientQueue_ = std::move(clientQueue);
         attaching_ = false;
     }
     attachingEnded_.notify_all();

@@ -75,6 +75,11 @@ private:
     // attached; a request in that gap waits for the attachment.
     void beginAttaching();
     void endAttaching(std::shared_ptr<tolvacore::ipc::ShmQueue> clientQueue);
+    struct AttachingEnd {
+        ShmComm& comm;
+        const std::shared_ptr<tolvacore::ipc::ShmQueue>& clientQueue;
+        ~AttachingEnd() { comm.endAttaching(clientQueue); }
+    };
     std::shared_ptr<tolvacore::ipc::ShmQueue> clientQueueOnceAttached();
 
     std::mutex lock_;  // guards the two queues, the attaching state and the thread handle

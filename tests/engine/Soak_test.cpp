@@ -23,6 +23,7 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 using dwtest::DriverTest;
 using dwtest::TargetProcess;
@@ -44,17 +45,23 @@ int rounds() {
     return std::max(8, (n > 0 ? n : 100) + 3) / 4 * 4;
 }
 
+// The values below 0x10000 that are open handles of this process: those
+// GetHandleInformation accepts.
+std::vector<ULONG_PTR> openHandleValues() {
+    std::vector<ULONG_PTR> values;
+    for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
+        DWORD flags = 0;
+        if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) values.push_back(value);
+    }
+    return values;
+}
+
 // The kernel handles of this process. Wine doesn't count them (it answers
-// 0), so then they are found one by one: a value is an open handle when
-// GetHandleInformation accepts it.
+// 0), so then they are found one by one.
 DWORD handleCount() {
     DWORD count = 0;
     if (GetProcessHandleCount(GetCurrentProcess(), &count) && count > 0) return count;
-    for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
-        DWORD flags = 0;
-        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
-    }
-    return count;
+    return static_cast<DWORD>(openHandleValues().size());
 }
 
 // What kind of object a handle stands for ("Event", "Thread", ...).
@@ -68,16 +75,10 @@ std::string handleKind(HANDLE handle) {
     return kind;
 }
 
-// The open handles of this process below 0x10000 with their kinds, found as
-// handleCount() finds them.
+// The open handles of this process with their kinds.
 std::map<ULONG_PTR, std::string> openHandles() {
     std::map<ULONG_PTR, std::string> handles;
-    for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
-        DWORD flags = 0;
-        if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) {
-            handles[value] = handleKind(reinterpret_cast<HANDLE>(value));
-        }
-    }
+    for (ULONG_PTR value : openHandleValues()) handles[value] = handleKind(reinterpret_cast<HANDLE>(value));
     return handles;
 }
 
@@ -203,8 +204,12 @@ protected:
     }
 
     // The kernel handles once every connection has ended and the Java
-    // threads stand between two calls.
-    DWORD quietHandleCount() {
+    // threads stand between two calls: their count, and which they are.
+    struct Handles {
+        DWORD count;
+        std::map<ULONG_PTR, std::string> kinds;
+    };
+    Handles quietHandles() {
         EXPECT_TRUE(dwtest::waitForDispatchThreadsToEnd(10000));
         EXPECT_TRUE(waitForReleases(10000)) << platform->outstandingBreakdown();
         pause = true;
@@ -220,12 +225,10 @@ protected:
             still = now < count ? 0 : still + 1;
             count = std::min(count, now);
         }
-        lastHandles = openHandles();
+        Handles handles{count, openHandles()};
         pause = false;
-        return count;
+        return handles;
     }
-    // The handles that the last quiet count saw, for naming the ones that stayed.
-    std::map<ULONG_PTR, std::string> lastHandles;
 
     std::unique_ptr<TargetProcess> targets[2];
     std::atomic<bool> pause{false};
@@ -248,8 +251,7 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
     // starts after the first quarter of the rounds, at the end of a cycle,
     // and ends after the last cycle in the same state: no connection, the
     // last two targets dead but still held, the Java threads between two calls.
-    DWORD handlesBefore = 0;
-    std::map<ULONG_PTR, std::string> baselineHandles;
+    Handles before{};
     std::atomic<bool> stop{false};
     std::vector<std::thread> workers;
     for (int i = 0; i < WORKERS; ++i) workers.emplace_back([&, i] { work(i, stop); });
@@ -314,20 +316,17 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
             }
             }
             slowest = std::max(slowest, GetTickCount64() - roundStart);
-            if (round == baselineRound) {
-                handlesBefore = quietHandleCount();
-                baselineHandles = lastHandles;
-            }
+            if (round == baselineRound) before = quietHandles();
         }
     };
     runRounds();
     roundsDone = true;
     watchdog.join();
     const ULONGLONG elapsed = GetTickCount64() - start;
-    const DWORD handlesAfter = quietHandleCount();
+    const Handles after = quietHandles();
     std::ostringstream newHandles;
-    for (const auto& [value, kind] : lastHandles) {
-        if (!baselineHandles.count(value)) newHandles << " 0x" << std::hex << value << std::dec << " " << kind;
+    for (const auto& [value, kind] : after.kinds) {
+        if (!before.kinds.count(value)) newHandles << " 0x" << std::hex << value << std::dec << " " << kind;
     }
     stop = true;
     for (std::thread& worker : workers) worker.join();
@@ -337,15 +336,15 @@ TEST_F(Soak, ConnectionsComeAndGoWhileJavaThreadsWork) {
     GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
 
     std::cout << "rounds: " << total << ", " << elapsed / total << " ms each (slowest " << slowest
-              << " ms), native calls: " << calls.load() << "\nkernel handles: " << handlesBefore << " before, "
-              << handlesAfter << " after; onTerminate: " << winEvents(TERMINATED) << " of " << diedWhileAttached
+              << " ms), native calls: " << calls.load() << "\nkernel handles: " << before.count << " before, "
+              << after.count << " after; onTerminate: " << winEvents(TERMINATED) << " of " << diedWhileAttached
               << "; peak working set: " << memory.PeakWorkingSetSize / 1024 << " KiB; releases: " << releases.load()
               << ", keys checked: " << keyChecks << std::endl;
     for (const std::string& problem : problems) ADD_FAILURE() << problem;
     EXPECT_EQ(diedWhileAttached, winEvents(TERMINATED)) << "one onTerminate per target that died while attached";
     EXPECT_EQ(0u, host->globalRefCount());
     EXPECT_EQ(0, platform->outstandingReferences());
-    EXPECT_LE(handlesAfter, handlesBefore + 1) << "kernel handles pile up; open now and not at round "
+    EXPECT_LE(after.count, before.count + 1) << "kernel handles pile up; open now and not at round "
                                                << baselineRound << ":" << newHandles.str();
     EXPECT_GT(calls.load(), 0);
     EXPECT_GT(releases.load(), 0) << "controls were released while in use";
